@@ -1,0 +1,1 @@
+// Anchors the support library when a build has no other support sources.
