@@ -10,6 +10,7 @@
 #define QUILLO_PLATFORM_DATE_H_
 
 #include <compare>
+#include <string_view>
 
 namespace quillo {
 
@@ -21,6 +22,10 @@ struct Date {
   constexpr explicit Date(double v) : value(v) {}
   friend constexpr auto operator<=>(Date, Date) = default;
 };
+
+// Placeholder declarations until the calendar functions land.
+bool IsValidDateValue(double v);
+bool TryParseDate(std::string_view text, Date* out);
 
 }  // namespace quillo
 

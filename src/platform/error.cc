@@ -31,6 +31,10 @@ std::string DefaultErrorDescription(long number) {
       return "Path/File access error";
     case err::kObjectNotSet:
       return "Object variable or With block variable not set";
+    case err::kInvalidUseOfNull:
+      return "Invalid use of Null";
+    case err::kCantCreateObject:
+      return "ActiveX component can't create object";
     case err::kMemberNotFound:
       return "Object doesn't support this property or method";
     case err::kWrongArgumentCount:

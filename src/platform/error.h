@@ -23,6 +23,8 @@ inline constexpr long kBadFileNameOrNumber = 52;
 inline constexpr long kFileNotFound = 53;
 inline constexpr long kPathFileAccessError = 75;
 inline constexpr long kObjectNotSet = 91;
+inline constexpr long kInvalidUseOfNull = 94;
+inline constexpr long kCantCreateObject = 429;
 inline constexpr long kMemberNotFound = 438;
 inline constexpr long kWrongArgumentCount = 450;
 }  // namespace err
