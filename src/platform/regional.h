@@ -16,14 +16,14 @@ namespace quillo {
 
 // Patterns of the named formats and the separators, in FormatDate's letters.
 struct RegionalSettings {
-  std::string short_date = "m/d/yyyy";             // "Short Date" and ddddd.
-  std::string long_date = "dddd, mmmm d, yyyy";    // "Long Date" and dddddd.
-  std::string medium_date = "dd-mmm-yy";           // "Medium Date".
-  std::string short_time = "hh:nn";                // "Short Time" (24-hour).
-  std::string medium_time = "hh:nn AMPM";          // "Medium Time".
-  std::string long_time = "h:nn:ss AM/PM";         // "Long Time" and ttttt.
-  std::string date_separator = "/";                // What "/" prints in a pattern.
-  std::string time_separator = ":";                // What ":" prints in a pattern.
+  std::string short_date = "m/d/yyyy";           // "Short Date" and ddddd.
+  std::string long_date = "dddd, mmmm d, yyyy";  // "Long Date" and dddddd.
+  std::string medium_date = "dd-mmm-yy";         // "Medium Date".
+  std::string short_time = "hh:nn";              // "Short Time" (24-hour).
+  std::string medium_time = "hh:nn AMPM";        // "Medium Time".
+  std::string long_time = "h:nn:ss AM/PM";       // "Long Time" and ttttt.
+  std::string date_separator = "/";              // What "/" prints in a pattern.
+  std::string time_separator = ":";              // What ":" prints in a pattern.
 };
 
 // The one process-wide settings object (en-US until the host changes it).

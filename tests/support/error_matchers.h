@@ -25,12 +25,11 @@ template <typename Body>
     body();
   } catch (const RuntimeError& error) {
     if (error.number == number) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << text << " threw RuntimeError " << error.number << " (" << error.description
-           << "), expected error " << number;
+    return ::testing::AssertionFailure() << text << " threw RuntimeError " << error.number << " ("
+                                         << error.description << "), expected error " << number;
   } catch (const std::exception& error) {
-    return ::testing::AssertionFailure() << text << " threw " << error.what()
-                                         << " instead of RuntimeError " << number;
+    return ::testing::AssertionFailure()
+           << text << " threw " << error.what() << " instead of RuntimeError " << number;
   } catch (...) {
     return ::testing::AssertionFailure()
            << text << " threw an unknown exception instead of RuntimeError " << number;
@@ -42,12 +41,12 @@ template <typename Body>
 }  // namespace quillo::testing_support
 
 // Expects `expr` to throw quillo::RuntimeError with error number `number`.
-#define EXPECT_RUNTIME_ERROR(expr, number)                                                     \
+#define EXPECT_RUNTIME_ERROR(expr, number)                                                    \
   EXPECT_TRUE(::quillo::testing_support::ThrowsRuntimeError([&] { static_cast<void>(expr); }, \
                                                             (number), #expr))
 
 // Like EXPECT_RUNTIME_ERROR, but ends the test when the expectation fails.
-#define ASSERT_RUNTIME_ERROR(expr, number)                                                     \
+#define ASSERT_RUNTIME_ERROR(expr, number)                                                    \
   ASSERT_TRUE(::quillo::testing_support::ThrowsRuntimeError([&] { static_cast<void>(expr); }, \
                                                             (number), #expr))
 
