@@ -282,9 +282,8 @@ TEST(RecordXml, XmlLetByName) {
   EXPECT_EQ(target->Invoke("city", CallKind::kGet).ToString(), "Paris");
 }
 
-TEST(RecordXml, GetMessageIsKeptForDocumentFailures) {
-  // Building a document cannot fail for a record's own columns; the message
-  // for that failure is fixed, and Error is untouched by a successful build.
+TEST(RecordXml, BuildingADocumentLeavesTheErrorPropertiesAlone) {
+  // Only the loaders reset Error; rendering sets it only when it fails.
   dmcatalogitem item;
   item.Error(true);
   item.ErrorMessage(kGetDocumentFailed);
