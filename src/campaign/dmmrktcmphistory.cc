@@ -7,6 +7,19 @@
 
 namespace quillo {
 
+namespace {
+
+// The history's own members, after the shared ones.
+void AddLookups(MemberTable::Builder<Record>& builder) {
+  builder
+      .Method("LoadLatestByEffectiveDate",
+              [](Record& r) { static_cast<dmmrktcmphistory&>(r).LoadLatestByEffectiveDate(); })
+      .Method("LoadLatestByRunDate",
+              [](Record& r) { static_cast<dmmrktcmphistory&>(r).LoadLatestByRunDate(); });
+}
+
+}  // namespace
+
 const TableInfo& dmmrktcmphistory::Table() {
   static const TableInfo table("dmmrktcmphistory",
                                {
@@ -15,14 +28,7 @@ const TableInfo& dmmrktcmphistory::Table() {
                                    {"RecID", "RecID", ColumnType::kText},
                                    {"RunDate", "RunDate", ColumnType::kDate},
                                },
-                               "RecID", [](MemberTable::Builder<Record>& b) {
-                                 using H = dmmrktcmphistory;
-                                 b.Method("LoadLatestByEffectiveDate", [](Record& r) {
-                                    static_cast<H&>(r).LoadLatestByEffectiveDate();
-                                  }).Method("LoadLatestByRunDate", [](Record& r) {
-                                   static_cast<H&>(r).LoadLatestByRunDate();
-                                 });
-                               });
+                               "RecID", AddLookups);
   return table;
 }
 

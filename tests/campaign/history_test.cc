@@ -71,7 +71,7 @@ TEST_P(History, LatestByRunDatePicksTheLatestRunTime) {
 TEST_P(History, SameEffectiveDateLatestRunTimeWins) {
   SaveRun("C1", kMarchFirst, kMarchFirst + 0.25);
   std::string later = SaveRun("C1", kMarchFirst, kMarchFirst + 0.75);
-  std::string earlier = SaveRun("C1", kMarchFirst, kMarchFirst + 0.5);
+  SaveRun("C1", kMarchFirst, kMarchFirst + 0.5);
   auto by_run = Make("C1");
   by_run->LoadLatestByRunDate();
   EXPECT_EQ(by_run->RecID(), later);
