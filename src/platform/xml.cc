@@ -100,11 +100,12 @@ DOMDocument::~DOMDocument() = default;
 
 bool DOMDocument::loadXML(std::string_view text) {
   auto fresh = std::make_shared<XmlStore>();
-  pugi::xml_parse_result result =
-      fresh->doc.load_buffer(text.data(), text.size(), pugi::parse_default, pugi::encoding_utf8);
+  pugi::xml_parse_result result = fresh->doc.load_buffer(
+      text.data(), text.size(), pugi::parse_default | pugi::parse_fragment, pugi::encoding_utf8);
   bool ok = static_cast<bool>(result);
   if (ok) {
-    // A document has exactly one root element and no text outside it.
+    // A document has exactly one root element and no text outside it (the
+    // fragment mode keeps top-level text so that it can be refused here).
     int elements = 0;
     for (pugi::xml_node n = fresh->doc.first_child(); n; n = n.next_sibling()) {
       if (n.type() == pugi::node_element) ++elements;

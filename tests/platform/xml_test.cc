@@ -29,7 +29,7 @@ TEST(DOMDocument, BuildsAndSerialisesWithoutDeclarationOrIndentation) {
   a->text("News & <views>");
   root->appendChild(a);
   root->appendChild(doc->createElement("B"));
-  EXPECT_EQ(doc->xml(), "<ROOT><A>News &amp; &lt;views&gt;</A><B /></ROOT>");
+  EXPECT_EQ(doc->xml(), "<ROOT><A>News &amp; &lt;views&gt;</A><B/></ROOT>");
 }
 
 TEST(DOMDocument, NewDocumentIsEmpty) {
@@ -44,7 +44,7 @@ TEST(DOMDocument, DetachedElementsAreNotSerialised) {
   auto loose = doc.createElement("LOOSE");
   auto root = doc.createElement("ROOT");
   doc.appendChild(root);
-  EXPECT_EQ(doc.xml(), "<ROOT />");
+  EXPECT_EQ(doc.xml(), "<ROOT/>");
   loose->text("still usable");
   EXPECT_EQ(loose->xml(), "<LOOSE>still usable</LOOSE>");
 }
@@ -95,7 +95,7 @@ TEST(DOMNode, TextJoinsDescendantsAndSettingReplacesChildren) {
   root->text("plain");
   EXPECT_EQ(doc.xml(), "<R>plain</R>");
   root->text("");
-  EXPECT_EQ(doc.xml(), "<R />");
+  EXPECT_EQ(doc.xml(), "<R/>");
 }
 
 TEST(DOMNode, TextOfDeeplyNestedDocumentDoesNotRecurse) {
@@ -133,7 +133,7 @@ TEST(DOMNode, RemovedChildLeavesTheTree) {
   auto root = doc.documentElement();
   auto a = root->ChildList().at(0);
   root->removeChild(a);
-  EXPECT_EQ(doc.xml(), "<R><b /></R>");
+  EXPECT_EQ(doc.xml(), "<R><b/></R>");
   EXPECT_EQ(a->tagName(), "a");
 }
 

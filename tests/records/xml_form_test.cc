@@ -26,8 +26,8 @@ TEST(RecordXml, RendersRootAndOneChildPerColumnInUpperCase) {
   dmcatalogitem item;
   item.Category("News");
   EXPECT_EQ(item.XML(),
-            "<DMCATALOGITEM><BASEFILENAME /><CATEGORY>News</CATEGORY><DESCRIPTION />"
-            "<FILENAME /><RECID /></DMCATALOGITEM>");
+            "<DMCATALOGITEM><BASEFILENAME/><CATEGORY>News</CATEGORY><DESCRIPTION/>"
+            "<FILENAME/><RECID/></DMCATALOGITEM>");
   EXPECT_FALSE(item.Error());
 }
 
@@ -37,9 +37,9 @@ TEST(RecordXml, RendersNumbersAsDecimalTextAndDatesAsOdbcText) {
   custom.NumericValue(2.5f);
   custom.DateValue(kMarchFirst);
   EXPECT_EQ(custom.XML(),
-            "<DMCLIENTSCUSTOM><ACCOUNT /><BOOLVALUE>-5</BOOLVALUE><CUSTOMRECID />"
+            "<DMCLIENTSCUSTOM><ACCOUNT/><BOOLVALUE>-5</BOOLVALUE><CUSTOMRECID/>"
             "<DATEVALUE>2005-03-01 14:05:09</DATEVALUE><NUMERICVALUE>2.5</NUMERICVALUE>"
-            "<RECID /><TEXTVALUE /></DMCLIENTSCUSTOM>");
+            "<RECID/><TEXTVALUE/></DMCLIENTSCUSTOM>");
 }
 
 TEST(RecordXml, NewRecordRendersZeroDateAndZeroNumbers) {
@@ -79,7 +79,7 @@ TEST(RecordXml, ClientsUseUpperCaseOfThePropertyNames) {
   EXPECT_NE(xml.find("<EMAIL>a@b.c</EMAIL>"), std::string::npos);
   EXPECT_NE(xml.find("<STATE>IL</STATE>"), std::string::npos);
   EXPECT_NE(xml.find("<ZIP>62701</ZIP>"), std::string::npos);
-  EXPECT_EQ(xml.rfind("<DMCLIENTS><ACCOUNT />", 0), 0u);
+  EXPECT_EQ(xml.rfind("<DMCLIENTS><ACCOUNT/>", 0), 0u);
 }
 
 TEST(RecordXml, RoundTripReproducesEveryValue) {
