@@ -47,6 +47,13 @@ void BM_TimeStamp(benchmark::State& state) {
 }
 BENCHMARK(BM_TimeStamp);
 
+// The clock alone.
+void BM_Now(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(quillo::Now());
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Now);
+
 }  // namespace
 
 BENCHMARK_MAIN();
