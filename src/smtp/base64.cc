@@ -155,11 +155,23 @@ inline size_t EmitGroup(const uint8_t (&q)[4], unsigned char* out) {
 }  // namespace
 
 std::string Base64Encode(std::string_view input) {
+  std::string out;
+  Base64EncodeTo(input, &out);
+  return out;
+}
+
+std::string Base64Decode(std::string_view encoded) {
+  std::string out;
+  Base64DecodeTo(encoded, &out);
+  return out;
+}
+
+void Base64EncodeTo(std::string_view input, std::string* out) {
   const size_t groups = input.size() / 3;
   const size_t rest = input.size() % 3;
-  std::string out((groups + (rest != 0 ? 1 : 0)) * 4, '\0');
+  out->resize((groups + (rest != 0 ? 1 : 0)) * 4);
   const auto* in = reinterpret_cast<const unsigned char*>(input.data());
-  char* end = EncodeGroups(in, groups, out.data());
+  char* end = EncodeGroups(in, groups, out->data());
   in += groups * 3;
   if (rest == 1) {
     const uint32_t v = uint32_t{in[0]} << 4;
@@ -172,18 +184,21 @@ std::string Base64Encode(std::string_view input) {
     end[2] = kAlphabet[v & 63];
     end[3] = '=';
   }
-  return out;
 }
 
-std::string Base64Decode(std::string_view encoded) {
+void Base64DecodeTo(std::string_view encoded, std::string* out) {
   const size_t n = encoded.size();
-  if (n < 4) return std::string();
+  if (n < 4) {
+    out->clear();
+    return;
+  }
   // Every four accepted characters give at most three bytes; the slack lets
   // the fast path store whole words.
   const size_t capacity = n / 4 * 3 + 8;
-  std::string out(capacity, '\0');
+  out->resize(capacity);
+  unsigned char* const begin = reinterpret_cast<unsigned char*>(out->data());
   const auto* s = reinterpret_cast<const unsigned char*>(encoded.data());
-  auto* o = reinterpret_cast<unsigned char*>(out.data());
+  unsigned char* o = begin;
   unsigned char* const o_limit = o + capacity - 8;
   uint8_t q[4];
   int count = 0;
@@ -222,8 +237,7 @@ std::string Base64Decode(std::string_view encoded) {
       count = 0;
     }
   }
-  out.resize(static_cast<size_t>(o - reinterpret_cast<unsigned char*>(out.data())));
-  return out;
+  out->resize(static_cast<size_t>(o - begin));
 }
 
 void qoBase64::Encode() { output_value_ = EncodeStr64(input_value_); }

@@ -33,6 +33,15 @@ std::string Base64Encode(std::string_view input);
 // characters gives nothing. Never fails.
 std::string Base64Decode(std::string_view encoded);
 
+// Base64Encode into `*out`, replacing its contents and reusing its storage,
+// for callers that encode many texts or very large ones.
+// REQUIRES: `input` does not view the contents of `*out`.
+void Base64EncodeTo(std::string_view input, std::string* out);
+
+// Base64Decode into `*out`, replacing its contents and reusing its storage.
+// REQUIRES: `encoded` does not view the contents of `*out`.
+void Base64DecodeTo(std::string_view encoded, std::string* out);
+
 // Base64 encoder and decoder with an input and an output text.
 class qoBase64 {
  public:

@@ -299,9 +299,13 @@ std::string qoMD5::DigestFileToHexStr(const std::string& file_name) {
 }
 
 std::string qoMD5::DigestStrToHexStr(std::string_view source_string) {
-  MD5Init();
-  Update(reinterpret_cast<const uint8_t*>(source_string.data()), source_string.size());
-  MD5Final();
+  // MD5Init, MD5Update and MD5Final in one pass over the text. The object ends
+  // as those steps leave it: the state words hold the digest and the count
+  // includes the padding, a whole number of blocks, so the buffer holds
+  // nothing that a later MD5Update or MD5Final would read.
+  DigestWords(source_string, state_.data());
+  const size_t index = source_string.size() % 64;
+  byte_count_ = source_string.size() + (index < 56 ? 56 - index : 120 - index) + 8;
   return GetValues();
 }
 

@@ -232,6 +232,18 @@ TEST(Base64, DecodesRandomBytesWithoutFailing) {
   }
 }
 
+TEST(Base64, EncodeToAndDecodeToReplaceEarlierContents) {
+  std::string out = "left over from before";
+  Base64EncodeTo("abc", &out);
+  EXPECT_EQ(out, "YWJj");
+  Base64DecodeTo("YWI=", &out);
+  EXPECT_EQ(out, "ab");
+  Base64DecodeTo("YQ=", &out);
+  EXPECT_EQ(out, "");
+  Base64EncodeTo("", &out);
+  EXPECT_EQ(out, "");
+}
+
 TEST(Base64, EncodeSetsOutputFromInput) {
   qoBase64 codec;
   EXPECT_EQ(codec.OutputValue(), "");

@@ -187,6 +187,26 @@ TEST(Md5, RegistersShowStateWordsAsSignedDecimal) {
   EXPECT_EQ(md5.RegisterA(), std::to_string(static_cast<int32_t>(0x98500190u)));
 }
 
+TEST(Md5, StepsAfterTextDigestContinueLikeRfcSteps) {
+  // After a text digest, further steps work on from the finished state exactly
+  // as they do after MD5Init, MD5Update and MD5Final by hand.
+  for (size_t n : {size_t{0}, size_t{3}, size_t{55}, size_t{56}, size_t{64}, size_t{100}}) {
+    const std::string text(n, 'z');
+    qoMD5 by_text;
+    by_text.DigestStrToHexStr(text);
+    qoMD5 by_steps;
+    by_steps.MD5Init();
+    by_steps.MD5Update(static_cast<long>(n), text);
+    by_steps.MD5Final();
+    ASSERT_EQ(by_text.GetValues(), by_steps.GetValues());
+    by_text.MD5Update(5, std::string_view("tail!"));
+    by_steps.MD5Update(5, std::string_view("tail!"));
+    by_text.MD5Final();
+    by_steps.MD5Final();
+    EXPECT_EQ(by_text.GetValues(), by_steps.GetValues()) << "length " << n;
+  }
+}
+
 TEST(Md5, HashSetsOutputFromInput) {
   qoMD5 md5;
   EXPECT_EQ(md5.OutputValue(), "");
