@@ -251,7 +251,7 @@ TEST_P(RecordProtocol, NewSaveLoadUpdateCopyXmlDelete) {
   auto record = NewRecord();
   Fill(*record, 0);
   const std::string key_property = KeyProperty(*record);
-  record->Invoke(key_property, CallKind::kPut, {Variant("caller's key")});
+  record->Invoke(key_property, CallKind::kPut, {Variant("caller-key")});
 
   // New: an insert with a fresh key.
   ASSERT_TRUE(record->Invoke("SaveData", CallKind::kMethod).ToBool()) << record->ErrorMessage();
