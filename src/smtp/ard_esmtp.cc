@@ -400,13 +400,12 @@ int16_t ardESMTP::DeliverMessage(const std::string& recipient) {
   Note("-- connect ", mail_server_ + ":" + std::to_string(port_));
   reply_buffer_.clear();
   WsConnect();
-  // Waits for the connection or a socket error. A socket that went into its
-  // error state can never connect, so the wait also ends there.
-  int16_t state = WsState();
-  while (state != SocketControl::kConnected && state != SocketControl::kError &&
-         !transport_error_) {
+  // Waits for the connection or a socket error event. A socket in its error
+  // state can never connect, so when its error event has been pumped and still
+  // not reached us (a host that does not forward it), the wait ends as well.
+  while (WsState() != SocketControl::kConnected && !transport_error_) {
     YieldWaiting();
-    state = WsState();
+    if (WsState() == SocketControl::kError && !transport_error_) break;
   }
   auto fail = [&]() {
     Note("-- failed, rc ", std::to_string(rc_));
