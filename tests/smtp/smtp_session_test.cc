@@ -448,3 +448,39 @@ TEST(SmtpSessionTest, RefusedConnectionWithoutForwardedErrorsDoesNotHang) {
 
 }  // namespace
 }  // namespace quillo
+
+namespace quillo {
+namespace {
+
+TEST(SmtpSessionTest, FiftyMegabyteAttachmentIsSentWhole) {
+  testing::TempFolder folder;
+  testing::ScriptedSmtpPeer peer;
+  Client c(peer.port());
+  c.smtp->CommandDataTimeout(60);
+  c.smtp->AddAttachment(folder.Write("big.bin", std::string(50u * 1024 * 1024, 'b')));
+  c.smtp->AddRecipient("r@peer.test");
+  c.smtp->Send();
+  EXPECT_EQ(c.smtp->rc(), 221) << c.smtp->Transcript();
+  peer.WaitForSessions(1);
+  const auto sessions = peer.Sessions();
+  ASSERT_EQ(sessions.size(), 1u);
+  EXPECT_EQ(sessions[0].data.size(), c.smtp->MessageBuffer().size());
+  EXPECT_TRUE(sessions[0].data == c.smtp->MessageBuffer());
+}
+
+TEST(SmtpSessionTest, EmptyAttachmentGivesAPartWithNoLines) {
+  testing::TempFolder folder;
+  testing::ScriptedSmtpPeer peer;
+  Client c(peer.port());
+  c.smtp->Boundary("XB");
+  c.smtp->AddAttachment(folder.Write("none.txt", ""));
+  c.smtp->AddRecipient("r@peer.test");
+  c.smtp->Send();
+  EXPECT_EQ(c.smtp->rc(), 221);
+  peer.WaitForSessions(1);
+  EXPECT_NE(peer.Sessions()[0].data.find("filename=\"none.txt\"\r\n\r\n\r\n--XB--\r\n"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace quillo

@@ -65,8 +65,10 @@ std::optional<std::string> PeerConnection::ReadLine(std::chrono::milliseconds ti
 
 std::optional<std::string> PeerConnection::ReadData(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
+  size_t searched = 0;  // No end marker starts before this position.
   for (;;) {
-    const size_t end = buffer_.find("\r\n.\r\n");
+    const size_t end = buffer_.find("\r\n.\r\n", searched);
+    searched = buffer_.size() >= 4 ? buffer_.size() - 4 : 0;
     if (end != std::string::npos) {
       std::string data = buffer_.substr(0, end + 5);
       buffer_.erase(0, end + 5);
