@@ -24,8 +24,9 @@ auto RetryEintr(F f) {
 }
 
 [[noreturn]] void RaiseFileError(int error, std::string_view path) {
-  long number = (error == ENOENT || error == ENOTDIR) ? err::kFileNotFound
-                                                      : err::kPathFileAccessError;
+  // A path that runs through a regular file names no file that could ever be
+  // opened: that is an access error, not a missing file.
+  long number = error == ENOENT ? err::kFileNotFound : err::kPathFileAccessError;
   Raise(number, DefaultErrorDescription(number) + ": " + std::string(path));
 }
 
