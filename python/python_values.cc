@@ -53,9 +53,9 @@ Date DateFromPython(py::handle value, bool has_time) {
                    types->zero_date.attr("toordinal")().cast<long long>();
   long long ms = 0;
   if (has_time) {
-    long long seconds = (value.attr("hour").cast<long long>() * 60 +
-                         value.attr("minute").cast<long long>()) * 60 +
-                        value.attr("second").cast<long long>();
+    long long seconds =
+        (value.attr("hour").cast<long long>() * 60 + value.attr("minute").cast<long long>()) * 60 +
+        value.attr("second").cast<long long>();
     ms = seconds * 1000 + (value.attr("microsecond").cast<long long>() + 500) / 1000;
   }
   double linear = static_cast<double>(days) + static_cast<double>(ms) / kMillisecondsPerDay;
@@ -71,8 +71,8 @@ py::object CurrencyToPython(Currency value) {
 Currency CurrencyFromPython(py::handle value) {
   py::object scaled;
   try {
-    scaled = value.attr("scaleb")(4).attr("to_integral_value")(
-        py::arg("rounding") = types->round_half_even);
+    scaled = value.attr("scaleb")(4).attr("to_integral_value")(py::arg("rounding") =
+                                                                   types->round_half_even);
     scaled = py::int_(scaled);
   } catch (py::error_already_set&) {
     Raise(err::kOverflow);  // NaN or infinity.
@@ -174,7 +174,8 @@ Variant FromPython(py::handle value) {
   if (py::isinstance(value, types->decimal)) return Variant(CurrencyFromPython(value));
   if (py::isinstance(value, types->datetime)) return Variant(DateFromPython(value, true));
   if (py::isinstance(value, types->date)) return Variant(DateFromPython(value, false));
-  return Variant(ObjectPtr(std::make_shared<PythonObject>(py::reinterpret_borrow<py::object>(value))));
+  return Variant(
+      ObjectPtr(std::make_shared<PythonObject>(py::reinterpret_borrow<py::object>(value))));
 }
 
 // --- Errors -------------------------------------------------------------------
@@ -216,8 +217,8 @@ void SetPythonError(const RuntimeError& error) {
     python_error->Restore();
     return;
   }
-  py::object type = error.number == err::kMemberNotFound ? types->member_not_found
-                                                          : types->runtime_error;
+  py::object type =
+      error.number == err::kMemberNotFound ? types->member_not_found : types->runtime_error;
   py::object instance = type(error.number, error.description);
   PyErr_SetObject(type.ptr(), instance.ptr());
 }

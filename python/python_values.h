@@ -32,15 +32,15 @@ namespace py = pybind11;
 
 // The Python objects the mapping needs, looked up once at import.
 struct PythonTypes {
-  py::object runtime_error;    // quillo.RuntimeError
-  py::object member_not_found; // quillo.MemberNotFoundError (also an AttributeError)
-  py::object null;             // quillo.Null
-  py::object decimal;          // decimal.Decimal
-  py::object round_half_even;  // decimal.ROUND_HALF_EVEN
-  py::object datetime;         // datetime.datetime
-  py::object date;             // datetime.date
-  py::object timedelta;        // datetime.timedelta
-  py::object zero_date;        // datetime.datetime(1899, 12, 30)
+  py::object runtime_error;     // quillo.RuntimeError
+  py::object member_not_found;  // quillo.MemberNotFoundError (also an AttributeError)
+  py::object null;              // quillo.Null
+  py::object decimal;           // decimal.Decimal
+  py::object round_half_even;   // decimal.ROUND_HALF_EVEN
+  py::object datetime;          // datetime.datetime
+  py::object date;              // datetime.date
+  py::object timedelta;         // datetime.timedelta
+  py::object zero_date;         // datetime.datetime(1899, 12, 30)
 };
 
 // Fills the table; called once from the module's init. The objects are kept
@@ -96,8 +96,8 @@ class PythonObject : public Object {
   // The attribute that `name` designates, or "" when none.
   std::string Resolve(std::string_view name) const;
 
-  py::object target_;   // The Python object; released under the GIL.
-  MemberTable members_; // Empty: members are found on the Python object.
+  py::object target_;    // The Python object; released under the GIL.
+  MemberTable members_;  // Empty: members are found on the Python object.
 };
 
 // Invokes `name` on `object` with the GIL released while C++ runs. Error 91

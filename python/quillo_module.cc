@@ -125,7 +125,7 @@ struct Param<std::string_view> {
   static std::string_view Pass(Stored& stored) { return stored; }
 };
 template <class T>
-  requires std::is_base_of_v<Object, std::remove_cvref_t<T>>
+requires std::is_base_of_v<Object, std::remove_cvref_t<T>>
 struct Param<T&> {
   using Stored = std::shared_ptr<std::remove_cvref_t<T>>;
   static Stored From(const std::vector<Variant>& args, size_t i) {
@@ -188,8 +188,8 @@ struct BoundMember {
 bool IsPythonSpecialName(const std::string& name) { return !name.empty() && name[0] == '_'; }
 
 [[noreturn]] void NoSuchMember(const ObjectPtr& object, const std::string& name) {
-  Raise(err::kMemberNotFound, DefaultErrorDescription(err::kMemberNotFound) + ": " +
-                                  object->TypeName() + "." + name);
+  Raise(err::kMemberNotFound,
+        DefaultErrorDescription(err::kMemberNotFound) + ": " + object->TypeName() + "." + name);
 }
 
 // obj.Name: the value of a property get that takes no parameters, else a
@@ -288,8 +288,9 @@ void DefineRegional(py::module_& m) {
            [](RegionalSettings&, const std::string& name) { return *RegionalField(name); })
       .def("__setitem__", [](RegionalSettings&, const std::string& name,
                              std::string value) { *RegionalField(name) = std::move(value); })
-      .def("reset", [](RegionalSettings& r) { r = RegionalSettings(); },
-           "Restores the en-US defaults.");
+      .def(
+          "reset", [](RegionalSettings& r) { r = RegionalSettings(); },
+          "Restores the en-US defaults.");
   m.attr("Regional") = py::cast(&Regional(), py::return_value_policy::reference);
 }
 
@@ -313,9 +314,10 @@ PYBIND11_MODULE(quillo, m) {
       .def("__iter__", [](const ObjectPtr& o) { return py::iter(Items(o)); })
       .def("__repr__", &Repr)
       .def("__dir__", &MemberNames)
-      .def("__eq__", [](const ObjectPtr& a, py::handle b) {
-        return py::isinstance<Object>(b) && b.cast<ObjectPtr>() == a;
-      })
+      .def("__eq__",
+           [](const ObjectPtr& a, py::handle b) {
+             return py::isinstance<Object>(b) && b.cast<ObjectPtr>() == a;
+           })
       .def("__hash__", [](const ObjectPtr& o) { return std::hash<Object*>()(o.get()); });
 
   py::class_<BoundMember>(m, "BoundMember", "One member of a quillo object, ready to call.")
@@ -378,13 +380,15 @@ PYBIND11_MODULE(quillo, m) {
       },
       py::arg("obj"), py::arg("cookie"), "Stops the sink registered under `cookie`.");
 
-  DefineFunction(m, "CreateObject", +[](std::string_view name) { return CreateObject(name); },
-                 "Creates a public class by name (error 429 when there is none).");
+  DefineFunction(
+      m, "CreateObject", +[](std::string_view name) { return CreateObject(name); },
+      "Creates a public class by name (error 429 when there is none).");
 
   py::module_ testing = m.def_submodule("testing", "Entry points for tests.");
-  DefineFunction(testing, "CreatePrivateObject",
-                 +[](std::string_view name) { return quillo::testing::CreatePrivateObject(name); },
-                 "Creates any registered class, private ones included.");
+  DefineFunction(
+      testing, "CreatePrivateObject",
+      +[](std::string_view name) { return quillo::testing::CreatePrivateObject(name); },
+      "Creates any registered class, private ones included.");
   py::module_::import("sys").attr("modules")["quillo.testing"] = testing;
 
   DefineRegional(m);

@@ -66,7 +66,8 @@ std::string ReadFileBytes(std::string_view path) {
   size_t done = 0;
   while (true) {
     if (done == bytes.size()) bytes.resize(bytes.size() + 4096 + bytes.size() / 2);
-    ssize_t n = RetryEintr([&] { return ::read(fd.get(), bytes.data() + done, bytes.size() - done); });
+    ssize_t n =
+        RetryEintr([&] { return ::read(fd.get(), bytes.data() + done, bytes.size() - done); });
     if (n < 0) RaiseFileError(errno, path);
     if (n == 0) break;
     done += static_cast<size_t>(n);

@@ -32,10 +32,10 @@ const MemberTable& QuilloTestClass::Members() const {
           .Method("Describe",
                   [](T& o, std::string first, std::optional<std::int32_t> second,
                      std::optional<std::string> third) { return o.Describe(first, second, third); })
-          .Method("RaiseError", [](T& o, std::int32_t number,
-                                   std::optional<std::string> description) {
-            o.RaiseError(number, std::move(description));
-          })
+          .Method("RaiseError",
+                  [](T& o, std::int32_t number, std::optional<std::string> description) {
+                    o.RaiseError(number, std::move(description));
+                  })
           .Method("Echo", [](T& o, Variant v) { return o.Echo(v); })
           .Method("CallGenerator", [](T& o, ObjectPtr gen) { return o.CallGenerator(gen); })
           .Get("Items", [](T& o) { return o.Items(); })
@@ -71,10 +71,11 @@ void QuilloTestClass::RaisePing(const std::string& message, std::int32_t n) {
 
 const MemberTable& QuilloPrivateTestClass::Members() const {
   using T = QuilloPrivateTestClass;
-  static const MemberTable table = MemberTable::Builder<T>("QuilloPrivateTestClass")
-                                       .Get("Value", [](T& o) { return o.Value(); })
-                                       .Put("Value", [](T& o, std::string v) { o.Value(std::move(v)); })
-                                       .Build();
+  static const MemberTable table =
+      MemberTable::Builder<T>("QuilloPrivateTestClass")
+          .Get("Value", [](T& o) { return o.Value(); })
+          .Put("Value", [](T& o, std::string v) { o.Value(std::move(v)); })
+          .Build();
   return table;
 }
 

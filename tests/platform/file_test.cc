@@ -70,8 +70,7 @@ TEST_F(FileTest, ReadingADirectoryIsPathFileAccessError) {
 
 TEST_F(FileTest, ReadingBelowARegularFileIsPathFileAccessError) {
   WriteFileBytes(PathOf("plain"), "x");
-  EXPECT_RUNTIME_ERROR(ReadFileBytes(PathOf("plain") + "/inside.txt"),
-                       err::kPathFileAccessError);
+  EXPECT_RUNTIME_ERROR(ReadFileBytes(PathOf("plain") + "/inside.txt"), err::kPathFileAccessError);
 }
 
 TEST_F(FileTest, WritingWhereNoFileCanBeIsPathFileAccessError) {
@@ -79,8 +78,7 @@ TEST_F(FileTest, WritingWhereNoFileCanBeIsPathFileAccessError) {
   EXPECT_RUNTIME_ERROR(WriteFileBytes(PathOf("no/such/folder/f.txt"), "x"),
                        err::kPathFileAccessError);
   WriteFileBytes(PathOf("plain"), "x");
-  EXPECT_RUNTIME_ERROR(WriteFileBytes(PathOf("plain") + "/f.txt", "x"),
-                       err::kPathFileAccessError);
+  EXPECT_RUNTIME_ERROR(WriteFileBytes(PathOf("plain") + "/f.txt", "x"), err::kPathFileAccessError);
 }
 
 TEST_F(FileTest, BackslashIsAcceptedAsASeparator) {

@@ -25,16 +25,16 @@ class Gadget : public Object {
             .Put("Name", [](Gadget& g, std::string v) { g.name_ = std::move(v); })
             .Get("Slot", [](Gadget& g, std::int32_t i) { return g.slots_.at(i); })
             .Put("Slot", [](Gadget& g, std::int32_t i, std::string v) { g.slots_.at(i) = v; })
-            .Method("Add", [](Gadget&, std::int32_t a, std::optional<std::int32_t> b) {
-              return a + b.value_or(100);
-            })
+            .Method("Add", [](Gadget&, std::int32_t a,
+                              std::optional<std::int32_t> b) { return a + b.value_or(100); })
             .Method("Half", [](Gadget&, std::int16_t n) { return n / 2.0; })
             .Method("Touch", [](Gadget& g) { ++g.touched_; })
-            .Method("Fire", [](Gadget& g, std::string what) {
-              std::vector<Variant> args{Variant(what), Variant(std::int32_t{7})};
-              g.FireEvent("Changed", args);
-              return args[0];
-            })
+            .Method("Fire",
+                    [](Gadget& g, std::string what) {
+                      std::vector<Variant> args{Variant(what), Variant(std::int32_t{7})};
+                      g.FireEvent("Changed", args);
+                      return args[0];
+                    })
             .Build();
     return table;
   }
@@ -53,8 +53,8 @@ TEST(Object, PublishesMembersInInterfaceOrder) {
   Gadget g;
   std::vector<std::string> names;
   for (const Member& m : g.Members().members()) names.push_back(m.name);
-  EXPECT_EQ(names, (std::vector<std::string>{"Name", "Name", "Slot", "Slot", "Add", "Half",
-                                             "Touch", "Fire"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"Name", "Name", "Slot", "Slot", "Add", "Half", "Touch",
+                                             "Fire"}));
   EXPECT_EQ(g.TypeName(), "Gadget");
 }
 
@@ -147,8 +147,7 @@ TEST(Object, ArgumentOutOfRangeIsError6) {
 
 TEST(Object, NullArgumentIsError94) {
   Gadget g;
-  EXPECT_RUNTIME_ERROR(g.Invoke("Name", CallKind::kPut, {Variant(kNull)}),
-                       err::kInvalidUseOfNull);
+  EXPECT_RUNTIME_ERROR(g.Invoke("Name", CallKind::kPut, {Variant(kNull)}), err::kInvalidUseOfNull);
 }
 
 TEST(Object, EventsReachEverySinkInOrder) {
@@ -157,7 +156,8 @@ TEST(Object, EventsReachEverySinkInOrder) {
   g.Advise("Changed", [&](std::vector<Variant>& args) {
     seen.push_back("1:" + args[0].ToString() + ":" + args[1].ToString());
   });
-  g.Advise("CHANGED", [&](std::vector<Variant>& args) { seen.push_back("2:" + args[0].ToString()); });
+  g.Advise("CHANGED",
+           [&](std::vector<Variant>& args) { seen.push_back("2:" + args[0].ToString()); });
   g.Advise("Other", [&](std::vector<Variant>&) { seen.push_back("other"); });
   g.Invoke("Fire", CallKind::kMethod, {Variant("x")});
   EXPECT_EQ(seen, (std::vector<std::string>{"1:x:7", "2:x"}));
@@ -235,8 +235,7 @@ TEST(FromVariant, ObjectParametersAcceptNothingAndCheckTheClass) {
   EXPECT_EQ(internal::FromVariant<GadgetPtr>::Convert(Variant()), nullptr);
   EXPECT_EQ(internal::FromVariant<GadgetPtr>::Convert(Variant(ObjectPtr())), nullptr);
   EXPECT_EQ(internal::FromVariant<GadgetPtr>::Convert(Variant(gadget)), gadget);
-  EXPECT_RUNTIME_ERROR(internal::FromVariant<GadgetPtr>::Convert(Variant("x")),
-                       err::kTypeMismatch);
+  EXPECT_RUNTIME_ERROR(internal::FromVariant<GadgetPtr>::Convert(Variant("x")), err::kTypeMismatch);
 }
 
 }  // namespace

@@ -33,7 +33,8 @@ class CountingGenerator : public Object {
   const MemberTable& Members() const override {
     static const MemberTable table =
         MemberTable::Builder<CountingGenerator>("CountingGenerator")
-            .Method("GetNextRecordID", [](CountingGenerator& g) { return "ID" + std::to_string(++g.n_); })
+            .Method("GetNextRecordID",
+                    [](CountingGenerator& g) { return "ID" + std::to_string(++g.n_); })
             .Build();
     return table;
   }
