@@ -51,6 +51,15 @@ constexpr std::string_view kMarker = "<!--";
 
 inline char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
 
+// The four bytes of `text` from `pos` on, folded and packed; 0 past the end.
+inline uint32_t PackKey(std::string_view text, size_t pos) {
+  uint32_t key = 0;
+  for (size_t i = 0; i < 4 && pos + i < text.size(); ++i) {
+    key |= static_cast<uint32_t>(static_cast<unsigned char>(Fold(text[pos + i]))) << (8 * i);
+  }
+  return key;
+}
+
 // Appends L(x): x and one space, with leading spaces removed.
 void AppendL(std::string_view x, std::string& out) {
   const size_t first = x.find_first_not_of(' ');
@@ -217,7 +226,17 @@ bool TagReplacer::MatchAt(size_t pos, std::string_view lower_tag) const {
   return true;
 }
 
-void TagReplacer::AddStraddlingMarkers(size_t junction, std::vector<size_t>& out) const {
+uint32_t TagReplacer::KeyAt(size_t pos) const {
+  uint32_t key = 0;
+  for (size_t i = 0; i < 4; ++i) {
+    const size_t at = pos + kMarker.size() + i;
+    const unsigned char c = at < total_ ? static_cast<unsigned char>(Fold(CharAt(at))) : 0;
+    key |= static_cast<uint32_t>(c) << (8 * i);
+  }
+  return key;
+}
+
+void TagReplacer::AddStraddlingMarkers(size_t junction, std::vector<Marker>& out) const {
   // A marker straddles the junction when it starts in the three positions
   // before it; both bytes around the junction then belong to the marker.
   if (junction == 0 || junction >= total_) return;
@@ -226,7 +245,7 @@ void TagReplacer::AddStraddlingMarkers(size_t junction, std::vector<size_t>& out
   if ((before != '<' && before != '!' && before != '-') || (after != '!' && after != '-')) return;
   for (size_t back = 3; back >= 1; --back) {
     if (junction < back) continue;
-    if (MatchAt(junction - back, kMarker)) out.push_back(junction - back);
+    if (MatchAt(junction - back, kMarker)) out.push_back({junction - back, KeyAt(junction - back)});
   }
 }
 
@@ -240,103 +259,232 @@ void TagReplacer::IndexPieces() {
   total_ = pos;
 }
 
+size_t TagReplacer::AppendValue(ReplacementVariable variable, const ValueFunction& value) {
+  const size_t offset = values_.size();
+  try {
+    value(variable, values_);
+  } catch (const std::exception&) {
+    // A value that cannot be computed is empty for this occurrence.
+    values_.resize(offset);
+  }
+  return values_.size() - offset;
+}
+
+void TagReplacer::ApplyCuts() {
+  next_pieces_.clear();
+  next_markers_.clear();
+  junctions_.clear();
+  size_t new_length = 0;   // Length of the next text so far.
+  size_t piece_index = 0;  // Piece of the current text being copied.
+  size_t marker_index = 0;
+  auto copy_range = [&](size_t from, size_t to) {
+    while (marker_index < markers_.size() && markers_[marker_index].pos < to) {
+      const Marker& marker = markers_[marker_index];
+      if (marker.pos >= from) next_markers_.push_back({marker.pos - from + new_length, marker.key});
+      ++marker_index;
+    }
+    while (from < to) {
+      while (starts_[piece_index] + pieces_[piece_index].length <= from) ++piece_index;
+      const Piece& piece = pieces_[piece_index];
+      const size_t in_piece = from - starts_[piece_index];
+      const size_t take = std::min(to - from, piece.length - in_piece);
+      next_pieces_.push_back({piece.in_values, piece.offset + in_piece, take});
+      from += take;
+      new_length += take;
+    }
+  };
+  size_t copied_to = 0;
+  bool new_markers = false;  // Whether a value holds "<!--".
+  for (const Cut& cut : cuts_) {
+    copy_range(copied_to, cut.pos);
+    copied_to = cut.pos + cut.length;
+    junctions_.push_back(new_length);
+    if (cut.value_length == 0) continue;
+    const std::string_view inserted(values_.data() + cut.value_offset, cut.value_length);
+    for (size_t at = inserted.find(kMarker); at != std::string_view::npos;
+         at = inserted.find(kMarker, at + 1)) {
+      next_markers_.push_back({new_length + at, 0});  // Keyed below.
+      new_markers = true;
+    }
+    next_pieces_.push_back({true, cut.value_offset, cut.value_length});
+    new_length += cut.value_length;
+    junctions_.push_back(new_length);
+  }
+  copy_range(copied_to, total_);
+
+  pieces_.swap(next_pieces_);
+  markers_.swap(next_markers_);
+  IndexPieces();
+
+  // Markers that the joins made: text on either side of a value (or of an
+  // empty one) may now spell "<!--" across the join.
+  const size_t before = markers_.size();
+  for (size_t junction : junctions_) AddStraddlingMarkers(junction, markers_);
+  if (markers_.size() != before) {
+    std::sort(markers_.begin(), markers_.end(),
+              [](const Marker& a, const Marker& b) { return a.pos < b.pos; });
+    markers_.erase(std::unique(markers_.begin(), markers_.end(),
+                               [](const Marker& a, const Marker& b) { return a.pos == b.pos; }),
+                   markers_.end());
+    new_markers = true;
+  }
+  // Refresh the keys that the joins may have changed: those of markers whose
+  // four key bytes reach a junction, and every new one.
+  if (new_markers) {
+    for (Marker& marker : markers_) marker.key = KeyAt(marker.pos);
+  } else {
+    size_t k = 0;
+    for (size_t junction : junctions_) {
+      while (k < markers_.size() && markers_[k].pos + 8 <= junction) ++k;
+      for (size_t j = k; j < markers_.size() && markers_[j].pos < junction; ++j) {
+        markers_[j].key = KeyAt(markers_[j].pos);
+      }
+    }
+  }
+}
+
+size_t TagReplacer::ReplaceInOnePass(std::span<const ReplacementVariable> variables,
+                                     const ValueFunction& value, bool* finished) {
+  *finished = false;
+  const size_t count = variables.size();
+  // The first listed variable whose tag stands at each marker of the input.
+  owners_.assign(markers_.size(), kNoOwner);
+  bool any = false;
+  for (size_t i = 0; i < markers_.size(); ++i) {
+    for (size_t v = 0; v < count; ++v) {
+      if (markers_[i].key == tags_[v].key && MatchAt(markers_[i].pos, tags_[v].lower)) {
+        owners_[i] = static_cast<uint32_t>(v);
+        any = true;
+        break;
+      }
+    }
+  }
+  if (!any) {
+    *finished = true;
+    return count;
+  }
+  // Replacing a tag could complete another one behind an earlier marker
+  // ("<!--<!--FIRST-->LAST-->"): leave such texts to the step-by-step way.
+  size_t last_unowned = std::string_view::npos;
+  for (size_t i = 0; i < markers_.size(); ++i) {
+    if (owners_[i] == kNoOwner) {
+      last_unowned = markers_[i].pos;
+    } else if (last_unowned != std::string_view::npos &&
+               markers_[i].pos < last_unowned + kLongestTag) {
+      return 0;
+    }
+  }
+
+  // Variable by variable, left to right, a fresh value per occurrence. The
+  // result equals the step-by-step one as long as no value can form a new
+  // marker; the first step that inserts such a value ends this pass.
+  cuts_.clear();
+  size_t step = 0;
+  bool risky = false;
+  for (; step < count && !risky; ++step) {
+    const size_t m = tags_[step].lower.size();
+    for (size_t i = 0; i < markers_.size(); ++i) {
+      if (owners_[i] != step) continue;
+      const size_t pos = markers_[i].pos;
+      const size_t offset = values_.size();
+      const size_t length = AppendValue(variables[step], value);
+      cuts_.push_back({pos, m, offset, length});
+      if (length == 0) {
+        // The text on both sides meets: risky when what follows could
+        // continue a marker or is itself a tag about to be replaced.
+        const size_t after = pos + m;
+        if (after < total_) {
+          const char c = text_[after];
+          if (c == '!' || c == '-' ||
+              (c == '<' && i + 1 < markers_.size() && markers_[i + 1].pos == after)) {
+            risky = true;
+          }
+        }
+      } else {
+        const std::string_view inserted(values_.data() + offset, length);
+        const char first = inserted.front();
+        const char last = inserted.back();
+        if (first == '!' || first == '-' || last == '<' || last == '!' || last == '-' ||
+            inserted.find(kMarker) != std::string_view::npos) {
+          risky = true;
+        }
+      }
+    }
+  }
+  if (!risky) {
+    *finished = true;
+    return count;
+  }
+  std::sort(cuts_.begin(), cuts_.end(), [](const Cut& a, const Cut& b) { return a.pos < b.pos; });
+  ApplyCuts();
+  return step;
+}
+
 std::string TagReplacer::Replace(std::string_view text,
                                  std::span<const ReplacementVariable> variables,
                                  const ValueFunction& value) {
   text_ = text;
   values_.clear();
+  cuts_.clear();
   pieces_.clear();
   if (!text.empty()) pieces_.push_back({false, 0, text.size()});
   IndexPieces();
   markers_.clear();
   for (size_t pos = text.find(kMarker); pos != std::string_view::npos;
        pos = text.find(kMarker, pos + 1)) {
-    markers_.push_back(pos);
+    markers_.push_back({pos, PackKey(text, pos + kMarker.size())});
+  }
+  if (markers_.empty() || variables.empty()) return std::string(text);
+
+  tags_.resize(variables.size());
+  for (size_t v = 0; v < variables.size(); ++v) {
+    tags_[v].lower.assign(ReplacementTag(variables[v]));
+    for (char& ch : tags_[v].lower) ch = Fold(ch);
+    tags_[v].key = PackKey(tags_[v].lower, kMarker.size());
   }
 
-  std::string lower_tag;
-  for (ReplacementVariable variable : variables) {
-    if (markers_.empty()) break;
-    const std::string_view tag = ReplacementTag(variable);
-    lower_tag.assign(tag);
-    for (char& ch : lower_tag) ch = Fold(ch);
-    const size_t m = lower_tag.size();
+  bool finished = false;
+  const size_t done = ReplaceInOnePass(variables, value, &finished);
+  if (finished) {
+    // Every cut is in the input: write the result out in one go.
+    std::sort(cuts_.begin(), cuts_.end(),
+              [](const Cut& a, const Cut& b) { return a.pos < b.pos; });
+    std::string result;
+    size_t size = text.size();
+    for (const Cut& cut : cuts_) size = size - cut.length + cut.value_length;
+    result.reserve(size);
+    size_t from = 0;
+    for (const Cut& cut : cuts_) {
+      result.append(text, from, cut.pos - from);
+      result.append(values_, cut.value_offset, cut.value_length);
+      from = cut.pos + cut.length;
+    }
+    result.append(text, from, std::string_view::npos);
+    return result;
+  }
 
+  // The step-by-step way for the variables still to do.
+  for (size_t step = done; step < variables.size(); ++step) {
+    if (markers_.empty()) break;
+    const std::string& lower_tag = tags_[step].lower;
+    const size_t m = lower_tag.size();
     // Occurrences, left to right; each search resumes after the previous
     // occurrence, which is where the inserted value ends.
-    matches_.clear();
+    cuts_.clear();
     size_t resume = 0;
-    for (size_t pos : markers_) {
-      if (pos < resume) continue;
-      if (MatchAt(pos, lower_tag)) {
-        matches_.push_back(pos);
-        resume = pos + m;
+    for (const Marker& marker : markers_) {
+      if (marker.key != tags_[step].key || marker.pos < resume) continue;
+      if (MatchAt(marker.pos, lower_tag)) {
+        cuts_.push_back({marker.pos, m, 0, 0});
+        resume = marker.pos + m;
       }
     }
-    if (matches_.empty()) continue;
-
-    // The next text: the current one with each occurrence cut out and a fresh
-    // value put in its place, and the markers moved along with their text.
-    next_pieces_.clear();
-    next_markers_.clear();
-    junctions_.clear();
-    size_t new_length = 0;   // Length of the next text so far.
-    size_t piece_index = 0;  // Piece of the current text being copied.
-    size_t marker_index = 0;
-    auto copy_range = [&](size_t from, size_t to) {
-      while (marker_index < markers_.size() && markers_[marker_index] < to) {
-        if (markers_[marker_index] >= from) {
-          next_markers_.push_back(markers_[marker_index] - from + new_length);
-        }
-        ++marker_index;
-      }
-      while (from < to) {
-        while (starts_[piece_index] + pieces_[piece_index].length <= from) ++piece_index;
-        const Piece& piece = pieces_[piece_index];
-        const size_t in_piece = from - starts_[piece_index];
-        const size_t take = std::min(to - from, piece.length - in_piece);
-        next_pieces_.push_back({piece.in_values, piece.offset + in_piece, take});
-        from += take;
-        new_length += take;
-      }
-    };
-    size_t copied_to = 0;
-    for (size_t pos : matches_) {
-      copy_range(copied_to, pos);
-      copied_to = pos + m;
-      junctions_.push_back(new_length);
-      const size_t offset = values_.size();
-      try {
-        value(variable, values_);
-      } catch (const std::exception&) {
-        // A value that cannot be computed is empty for this occurrence.
-        values_.resize(offset);
-      }
-      const size_t length = values_.size() - offset;
-      if (length == 0) continue;
-      const std::string_view inserted(values_.data() + offset, length);
-      for (size_t at = inserted.find(kMarker); at != std::string_view::npos;
-           at = inserted.find(kMarker, at + 1)) {
-        next_markers_.push_back(new_length + at);
-      }
-      next_pieces_.push_back({true, offset, length});
-      new_length += length;
-      junctions_.push_back(new_length);
+    if (cuts_.empty()) continue;
+    for (Cut& cut : cuts_) {
+      cut.value_offset = values_.size();
+      cut.value_length = AppendValue(variables[step], value);
     }
-    copy_range(copied_to, total_);
-
-    pieces_.swap(next_pieces_);
-    markers_.swap(next_markers_);
-    IndexPieces();
-
-    // Markers that the joins made: text on either side of a value (or of an
-    // empty one) may now spell "<!--" across the join.
-    const size_t before = markers_.size();
-    for (size_t junction : junctions_) AddStraddlingMarkers(junction, markers_);
-    if (markers_.size() != before || !std::is_sorted(markers_.begin(), markers_.end())) {
-      std::sort(markers_.begin(), markers_.end());
-      markers_.erase(std::unique(markers_.begin(), markers_.end()), markers_.end());
-    }
+    ApplyCuts();
   }
 
   std::string result;

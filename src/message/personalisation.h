@@ -15,7 +15,8 @@
 // later variable still sees tags that earlier values brought in. It does so
 // without rebuilding the text per occurrence: the text is held as pieces of
 // the input and of the inserted values, only the positions of "<!--" are
-// visited, and the result is written out once at the end.
+// visited (each tagged with the four bytes after it, so most are rejected
+// with one comparison), and the result is written out once at the end.
 //
 // Example:
 //   quillo::TagReplacer replacer;
@@ -30,6 +31,7 @@
 #define QUILLO_MESSAGE_PERSONALISATION_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
@@ -124,12 +126,38 @@ class TagReplacer {
                       const ValueFunction& value);
 
  private:
+  struct Marker {
+    size_t pos;    // Position of "<!--" in the current text.
+    uint32_t key;  // The four bytes after it, folded to lower case (0 past the end).
+  };
   struct Piece {
     bool in_values;  // Whether the bytes are in values_ (else in the input text).
     size_t offset;   // Offset of the first byte in its source.
     size_t length;   // Number of bytes.
   };
+  struct Cut {
+    size_t pos;           // Where the tag starts in the current text.
+    size_t length;        // The tag's length.
+    size_t value_offset;  // The value that replaces it, in values_.
+    size_t value_length;
+  };
+  struct Tag {
+    std::string lower;  // The tag folded to lower case.
+    uint32_t key;       // Its four bytes after "<!--".
+  };
+  static constexpr uint32_t kNoOwner = 0xffffffffu;
+  static constexpr size_t kLongestTag = 23;  // "<!--FULLNAMEADDRCRLF-->".
 
+  // Replaces as many variables as it can in one pass over the input's
+  // markers and returns how many it did; sets *finished when all are done
+  // and cuts_ then holds every replacement, else the pieces and markers hold
+  // the text so far.
+  size_t ReplaceInOnePass(std::span<const ReplacementVariable> variables,
+                          const ValueFunction& value, bool* finished);
+  // Applies cuts_ (sorted, in current positions) to the pieces and markers.
+  void ApplyCuts();
+  // Appends one value to values_ and returns its length (0 when it failed).
+  size_t AppendValue(ReplacementVariable variable, const ValueFunction& value);
   const char* PieceData(const Piece& piece) const;
   // Index of the piece that holds position `pos`. REQUIRES: pos < total_.
   size_t PieceAt(size_t pos) const;
@@ -137,8 +165,10 @@ class TagReplacer {
   // True when the current text holds `lower_tag` at `pos`, ignoring case.
   // REQUIRES: `lower_tag` is in lower case.
   bool MatchAt(size_t pos, std::string_view lower_tag) const;
-  // Adds the positions of "<!--" that straddle position `junction`.
-  void AddStraddlingMarkers(size_t junction, std::vector<size_t>& out) const;
+  // The key of a marker at `pos`: the four bytes after "<!--", folded.
+  uint32_t KeyAt(size_t pos) const;
+  // Adds the markers "<!--" that straddle position `junction`.
+  void AddStraddlingMarkers(size_t junction, std::vector<Marker>& out) const;
   // Rebuilds starts_ and total_ from pieces_.
   void IndexPieces();
 
@@ -147,10 +177,12 @@ class TagReplacer {
   std::vector<Piece> pieces_;        // The current text, in order.
   std::vector<size_t> starts_;       // Position of each piece in the current text.
   size_t total_ = 0;                 // Length of the current text.
-  std::vector<size_t> markers_;      // Sorted positions of "<!--" in the current text.
-  std::vector<size_t> matches_;      // Positions of the current tag's occurrences.
+  std::vector<Marker> markers_;      // Every "<!--" in the current text, in order.
+  std::vector<Tag> tags_;            // The listed variables' tags, in list order.
+  std::vector<uint32_t> owners_;     // Per input marker: the variable replacing it.
+  std::vector<Cut> cuts_;            // Replacements to apply.
   std::vector<Piece> next_pieces_;   // Scratch for the next text.
-  std::vector<size_t> next_markers_; // Scratch for the next marker list.
+  std::vector<Marker> next_markers_; // Scratch for the next marker list.
   std::vector<size_t> junctions_;    // Edges of the values inserted in this step.
 };
 

@@ -279,6 +279,14 @@ TEST(TagReplacer, TagSplitAcrossAValueJoinIsFoundByALaterVariable) {
   EXPECT_EQ(r.Replace("<!<!--FIRST-->--LAST-->", list, Fixed("", "Smith")), "Smith");
 }
 
+TEST(TagReplacer, TagCompletedBehindAnEarlierMarkerIsFound) {
+  TagReplacer r;
+  // Removing "<!--FIRST-->" leaves "<!--LAST-->" behind the first marker.
+  const std::vector<V> list = {V::kFirst, V::kLast};
+  EXPECT_EQ(r.Replace("<!--<!--FIRST-->LAST-->", list, Fixed("", "Smith")), "Smith");
+  EXPECT_EQ(r.Replace("<!--<!--FIRST-->-->", list, Fixed("LAST", "Smith")), "Smith");
+}
+
 TEST(TagReplacer, ThrowingValueBecomesEmptyAndReplacementGoesOn) {
   TagReplacer r;
   int n = 0;
@@ -311,6 +319,40 @@ TEST(TagReplacer, ReusedReplacerStartsAfresh) {
   EXPECT_EQ(r.Replace("<!--FIRST-->", list, Fixed("Ann")), "Ann");
   EXPECT_EQ(r.Replace("x", list, Fixed("Ann")), "x");
   EXPECT_EQ(r.Replace("", list, Fixed("Ann")), "");
+}
+
+TEST(TagReplacer, AgreesWithThePlainLoopOnRandomLetters) {
+  // Mostly ordinary values, so that most texts are done in one pass and some
+  // switch to the step-by-step way part of the way through.
+  const std::vector<std::string> fragments = {"<!--FIRST-->", "<!--last-->", "<!--CSZ-->",
+                                              "<!--Csz1-->", "<!--X-->", "text ", "<p>", "-",
+                                              "!", "<"};
+  const std::vector<std::string> value_pieces = {"Ann", "Lee", "x y", "", "-", "!", "<", "<!--LAST-->"};
+  const std::vector<V> all = {V::kFirst, V::kLast, V::kCsz, V::kCsz1};
+  std::mt19937 rng(777);
+  auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
+  TagReplacer r;
+  for (int round = 0; round < 20000; ++round) {
+    std::string text;
+    for (size_t i = pick(12); i > 0; --i) text += fragments[pick(fragments.size())];
+    std::vector<V> list;
+    for (size_t i = 1 + pick(4); i > 0; --i) list.push_back(all[pick(all.size())]);
+    std::vector<std::string> values;
+    for (int i = 0; i < 4; ++i) {
+      values.push_back(pick(4) == 0 ? value_pieces[pick(value_pieces.size())] : value_pieces[pick(3)]);
+    }
+    int calls_fast = 0;
+    int calls_plain = 0;
+    auto value_with = [&](int& calls) {
+      return [&](V v, std::string& out) {
+        out += values[static_cast<size_t>(v == V::kFirst ? 0 : v == V::kLast ? 1 : v == V::kCsz ? 2 : 3)];
+        if (++calls % 2 == 0) out += "2";
+      };
+    };
+    const std::string expected = PlainReplace(text, list, value_with(calls_plain));
+    ASSERT_EQ(r.Replace(text, list, value_with(calls_fast)), expected) << "text: " << text;
+    ASSERT_EQ(calls_fast, calls_plain);
+  }
 }
 
 TEST(TagReplacer, AgreesWithThePlainLoopOnRandomTexts) {
