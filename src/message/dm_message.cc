@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/database.h"
 #include "platform/clock.h"
+#include "platform/database.h"
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/text.h"
