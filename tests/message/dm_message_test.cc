@@ -124,7 +124,7 @@ TEST(dmMessage, ExampleTemplateIsParsedIntoItsFourLists) {
 
 TEST(dmMessage, LoadMessageFileReadsBytesWholeWithoutParsing) {
   TempFolder folder;
-  const std::string bytes("[HEADER]\r\nA: 1\r\n[/HEADER]\r\nbody\0\xff\r\n", 33);
+  const std::string bytes("[HEADER]\r\nA: 1\r\n[/HEADER]\r\nbody\0\xff\r\n", 35);
   WriteFileBytes(folder.File("t.txt"), bytes);
   dmMessage m;
   m.Message("[HEADER]\r\nB: 2\r\n[/HEADER]\r\nold");
@@ -223,8 +223,29 @@ TEST(dmMessage, NameWithoutDotIsItsOwnExtension) {
   EXPECT_EQ(dmMessage::GetFileExtension("letter"), "letter");
   EXPECT_EQ(dmMessage::GetFileExtension("a.b.Htm"), "Htm");
   EXPECT_EQ(dmMessage::GetFileExtension("ends."), "");
-  EXPECT_EQ(Loaded("x", "htm").message.ContentType(), "text/html");
   EXPECT_EQ(Loaded("x", "letter").message.ContentType(), "text/plain");
+}
+
+TEST(dmMessage, ExtensionIsTakenFromTheWholePath) {
+  // A file named "htm" given as a relative path is HTML; the same file given
+  // with its folder has no dot in its name, so the whole path is the extension.
+  TempFolder folder;
+  WriteFileBytes(folder.File("htm"), "x");
+  const std::filesystem::path saved = std::filesystem::current_path();
+  std::filesystem::current_path(folder.path());
+  dmMessage relative;
+  relative.MessageFileName("htm");
+  std::filesystem::current_path(saved);
+  EXPECT_FALSE(relative.Error());
+  EXPECT_EQ(relative.ContentType(), "text/html");
+  dmMessage full;
+  full.MessageFileName(folder.File("htm"));
+  EXPECT_EQ(full.ContentType(), "text/plain");
+  std::filesystem::create_directory(folder.File("my.htm"));
+  WriteFileBytes(folder.File("my.htm/letter"), "x");
+  dmMessage dotted_folder;
+  dotted_folder.MessageFileName(folder.File("my.htm/letter"));
+  EXPECT_EQ(dotted_folder.ContentType(), "text/plain");
 }
 
 TEST(dmMessage, SettingMessageLeavesContentTypeAndErrorAlone) {
