@@ -108,8 +108,21 @@ void AppendAddressBlock(const ClientFields& c, std::string_view separator, std::
 }  // namespace
 
 std::optional<ReplacementVariable> FindReplacementVariable(std::string_view name) {
+  // Names are 3 to 16 letters and digits: fold once, then compare bytes.
+  constexpr size_t kLongestName = 16;
+  if (name.size() < 3 || name.size() > kLongestName) return std::nullopt;
+  char upper[kLongestName];
+  for (size_t i = 0; i < name.size(); ++i) {
+    const char c = name[i];
+    upper[i] = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c;
+  }
+  const std::string_view folded(upper, name.size());
   for (size_t i = 0; i < kVariables.size(); ++i) {
-    if (EqualsIgnoreCase(name, kVariables[i].name)) return static_cast<ReplacementVariable>(i);
+    const std::string_view candidate = kVariables[i].name;
+    if (candidate.size() == folded.size() && candidate[0] == folded[0] &&
+        candidate == folded) {
+      return static_cast<ReplacementVariable>(i);
+    }
   }
   return std::nullopt;
 }
@@ -191,6 +204,29 @@ void AppendDateValue(ReplacementVariable variable, Date now, std::string& out) {
 
 // ---------------------------------------------------------------------------
 // TagReplacer
+
+namespace {
+
+// Appends the position and key of every "<!--" in `text`. Looks for the "!"
+// first: in HTML "<" is everywhere and "!" is rare, so this visits far fewer
+// candidates than a search for "<".
+template <class Marker>
+void FindMarkers(std::string_view text, std::vector<Marker>& out) {
+  const char* const data = text.data();
+  const size_t n = text.size();
+  size_t from = 1;
+  while (from + 2 < n) {
+    const void* hit = std::memchr(data + from, '!', n - 2 - from);
+    if (hit == nullptr) break;
+    const size_t bang = static_cast<size_t>(static_cast<const char*>(hit) - data);
+    if (data[bang - 1] == '<' && data[bang + 1] == '-' && data[bang + 2] == '-') {
+      out.push_back({bang - 1, PackKey(text, bang + 3)});
+    }
+    from = bang + 1;
+  }
+}
+
+}  // namespace
 
 const char* TagReplacer::PieceData(const Piece& piece) const {
   return (piece.in_values ? values_.data() : text_.data()) + piece.offset;
@@ -430,10 +466,7 @@ std::string TagReplacer::Replace(std::string_view text,
   if (!text.empty()) pieces_.push_back({false, 0, text.size()});
   IndexPieces();
   markers_.clear();
-  for (size_t pos = text.find(kMarker); pos != std::string_view::npos;
-       pos = text.find(kMarker, pos + 1)) {
-    markers_.push_back({pos, PackKey(text, pos + kMarker.size())});
-  }
+  FindMarkers(text, markers_);
   if (markers_.empty() || variables.empty()) return std::string(text);
 
   tags_.resize(variables.size());
