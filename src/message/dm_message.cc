@@ -354,7 +354,7 @@ bool dmMessage::LoadSendingAccount(const std::string& email) {
   statement.Sql("SELECT * FROM dmsmtpaccounts WHERE Email = '" + email + "';");
   auto rs = std::make_shared<Recordset>();
   statement.GetRecordsetFO(rs);
-  if (rs->EOF_()) return false;
+  if (rs->Eof()) return false;
   dmsmtpaccounts account;
   account.LoadDataFromDS(rs);
   rs->Close();
