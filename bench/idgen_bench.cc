@@ -23,8 +23,7 @@ BENCHMARK(BM_GetNextRecordID);
 void BM_GetNextRecordIDByName(benchmark::State& state) {
   quillo::ObjectPtr gen = quillo::CreateObject("idgen");
   for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        quillo::CallByName(gen, "GetNextRecordID", quillo::CallKind::kMethod));
+    benchmark::DoNotOptimize(quillo::CallByName(gen, "GetNextRecordID", quillo::CallKind::kMethod));
   }
   state.SetItemsProcessed(state.iterations());
 }

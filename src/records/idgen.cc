@@ -16,9 +16,7 @@ namespace {
 constexpr std::uint32_t kRandomStart = 0x50000;  // The classic generator's start value.
 std::atomic<std::uint32_t> random_state{kRandomStart};
 
-constexpr std::uint32_t Step(std::uint32_t x) {
-  return (x * 0x43FD43FDu + 0xC39EC3u) & 0xFFFFFFu;
-}
+constexpr std::uint32_t Step(std::uint32_t x) { return (x * 0x43FD43FDu + 0xC39EC3u) & 0xFFFFFFu; }
 
 }  // namespace
 

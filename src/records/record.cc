@@ -148,7 +148,7 @@ void Record::StoreConverted(size_t index, const Variant& value, bool from_xml) {
       values_[index] = u.NCSingle(value).ToSingle();
       break;
     case ColumnType::kDate:
-      values_[index] = from_xml ? u.ODBCToDateTime(value) : u.NCDate(value);
+      values_[index] = from_xml ? u.ODBCToDateTime(value.StringRef()) : u.NCDate(value);
       break;
   }
 }
@@ -158,7 +158,7 @@ void Record::StoreConverted(size_t index, const Variant& value, bool from_xml) {
 
 void Record::LoadDataFromDS(const std::shared_ptr<Recordset>& ds) {
   if (!ds) Raise(err::kObjectNotSet);
-  if (ds->EOF_()) return;
+  if (ds->Eof()) return;
   const std::vector<Column>& columns = table_->columns();
   for (size_t i = 0; i < columns.size(); ++i) {
     StoreConverted(i, ds->Fields(columns[i].sql_name)->Value(), false);
@@ -206,7 +206,7 @@ bool Record::SaveData() {
     sql_executed_.push_back(statement.LastSQLExecuted());
     const std::vector<Column>& columns = table_->columns();
     const size_t key = table_->key();
-    if (probe->EOF_()) {
+    if (probe->Eof()) {
       statement.Sql(table_->insert_sql());
       values_[key] = CallByName(id_generator_, "GetNextRecordID", CallKind::kMethod).ToString();
       statement.SetString(columns[key].sql_name, TextAt(key));

@@ -23,10 +23,10 @@ std::vector<std::string> Properties(const Record& record) {
 
 TEST(CampaignRecords, CampaignColumnsInOrder) {
   dmmrktcmp campaign;
-  EXPECT_EQ(Properties(campaign),
-            (std::vector<std::string>{"CampaignDescription", "CampaignEffectiveDate",
-                                      "CampaignName", "CampaignType", "Disabled", "Interval",
-                                      "RecID", "Reminder"}));
+  EXPECT_EQ(
+      Properties(campaign),
+      (std::vector<std::string>{"CampaignDescription", "CampaignEffectiveDate", "CampaignName",
+                                "CampaignType", "Disabled", "Interval", "RecID", "Reminder"}));
   campaign.CampaignEffectiveDate(Date(38412));
   campaign.CampaignType(406);
   campaign.Interval(14);
@@ -45,8 +45,8 @@ TEST(CampaignRecords, CampaignColumnsInOrder) {
 
 TEST(CampaignRecords, ItemColumnsInOrder) {
   dmmrktcmpitems item;
-  EXPECT_EQ(Properties(item), (std::vector<std::string>{"CampaignRecID", "Description",
-                                                        "Interval", "MessageFileName", "RecID"}));
+  EXPECT_EQ(Properties(item), (std::vector<std::string>{"CampaignRecID", "Description", "Interval",
+                                                        "MessageFileName", "RecID"}));
   item.Interval(-3);
   item.MessageFileName("docs\\welcome.txt");
   EXPECT_EQ(item.Interval(), -3);

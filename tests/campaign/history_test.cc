@@ -1,12 +1,11 @@
 // The campaign history lookups: the latest run of a campaign by the date it
 // was made for and by the time it was made, on every engine.
-#include "campaign/dmmrktcmphistory.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
 
+#include "campaign/dmmrktcmphistory.h"
 #include "platform/database.h"
 #include "platform/object.h"
 #include "records/record_test_util.h"

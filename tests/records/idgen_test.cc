@@ -3,13 +3,13 @@
 #include "records/idgen.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <regex>
 #include <set>
-#include <unistd.h>
 #include <string>
 
 #include "platform/clock.h"

@@ -22,18 +22,43 @@ namespace {
 using records_test::CountRows;
 using records_test::FixedIdGenerator;
 
-const std::vector<std::string> kTableClasses = {
-    "dmmrktcmp",       "dmmrktcmpitems",       "dmmrktcmphistory", "dmclientsmrktcmp",
-    "dmsentitems",     "dmcatalogitem",        "dmclients",        "dmclientscustom",
-    "dmcontrolparameters", "dmcustomfielddef", "dmcustomfieldlistdef", "dmolxref",
-    "dmsinglemessageconfig", "dmsmtpaccounts"};
+const std::vector<std::string> kTableClasses = {"dmmrktcmp",
+                                                "dmmrktcmpitems",
+                                                "dmmrktcmphistory",
+                                                "dmclientsmrktcmp",
+                                                "dmsentitems",
+                                                "dmcatalogitem",
+                                                "dmclients",
+                                                "dmclientscustom",
+                                                "dmcontrolparameters",
+                                                "dmcustomfielddef",
+                                                "dmcustomfieldlistdef",
+                                                "dmolxref",
+                                                "dmsinglemessageconfig",
+                                                "dmsmtpaccounts"};
 
-const std::vector<std::string> kSharedMembers = {
-    "Connection",     "Connection",     "IDGenerator",    "IDGenerator",   "UI",
-    "UI",             "Error",          "Error",          "ErrorMessage",  "ErrorMessage",
-    "ConnectionOpen", "IsNew",          "LoadDataFromDS", "LoadData",      "Delete",
-    "SaveData",       "Copy",           "GetDOMDocument", "GetDOMElement", "XML",
-    "LoadFromDOMElement", "XML"};
+const std::vector<std::string> kSharedMembers = {"Connection",
+                                                 "Connection",
+                                                 "IDGenerator",
+                                                 "IDGenerator",
+                                                 "UI",
+                                                 "UI",
+                                                 "Error",
+                                                 "Error",
+                                                 "ErrorMessage",
+                                                 "ErrorMessage",
+                                                 "ConnectionOpen",
+                                                 "IsNew",
+                                                 "LoadDataFromDS",
+                                                 "LoadData",
+                                                 "Delete",
+                                                 "SaveData",
+                                                 "Copy",
+                                                 "GetDOMDocument",
+                                                 "GetDOMElement",
+                                                 "XML",
+                                                 "LoadFromDOMElement",
+                                                 "XML"};
 
 std::shared_ptr<Record> MakeRecord(const std::string& name) {
   auto record = std::dynamic_pointer_cast<Record>(CreateObject(name));
@@ -122,7 +147,8 @@ TEST_P(RecordShape, MembersAreColumnPairsThenTheSharedMembers) {
   std::vector<std::string> extra;
   for (; m < members.size(); ++m) extra.push_back(members[m].name);
   if (GetParam() == "dmmrktcmphistory") {
-    EXPECT_EQ(extra, (std::vector<std::string>{"LoadLatestByEffectiveDate", "LoadLatestByRunDate"}));
+    EXPECT_EQ(extra,
+              (std::vector<std::string>{"LoadLatestByEffectiveDate", "LoadLatestByRunDate"}));
   } else {
     EXPECT_TRUE(extra.empty());
   }
@@ -193,8 +219,7 @@ INSTANTIATE_TEST_SUITE_P(AllTableClasses, RecordShape, ::testing::ValuesIn(kTabl
 // ---------------------------------------------------------------------------
 // The whole protocol, per class and engine.
 
-class RecordProtocol
-    : public ::testing::TestWithParam<std::tuple<std::string, std::string>> {
+class RecordProtocol : public ::testing::TestWithParam<std::tuple<std::string, std::string>> {
  protected:
   void SetUp() override {
     connection_ = records_test::OpenDatabase(std::get<1>(GetParam()));
@@ -226,7 +251,7 @@ TEST_P(RecordProtocol, NewSaveLoadUpdateCopyXmlDelete) {
   auto record = NewRecord();
   Fill(*record, 0);
   const std::string key_property = KeyProperty(*record);
-  record->Invoke(key_property, CallKind::kPut, {Variant("caller's key")});
+  record->Invoke(key_property, CallKind::kPut, {Variant("caller-key")});
 
   // New: an insert with a fresh key.
   ASSERT_TRUE(record->Invoke("SaveData", CallKind::kMethod).ToBool()) << record->ErrorMessage();
@@ -325,11 +350,12 @@ TEST_P(RecordProtocol, SavedNullsLoadAsEmptyValues) {
   ExpectSameColumns(*record, *loaded);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    AllTableClasses, RecordProtocol,
-    ::testing::Combine(::testing::ValuesIn(kTableClasses),
-                       ::testing::ValuesIn(records_test::Engines())),
-    [](const auto& info) { return std::get<0>(info.param) + "_" + std::get<1>(info.param); });
+INSTANTIATE_TEST_SUITE_P(AllTableClasses, RecordProtocol,
+                         ::testing::Combine(::testing::ValuesIn(kTableClasses),
+                                            ::testing::ValuesIn(records_test::Engines())),
+                         [](const auto& info) {
+                           return std::get<0>(info.param) + "_" + std::get<1>(info.param);
+                         });
 
 }  // namespace
 }  // namespace quillo

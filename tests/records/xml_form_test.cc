@@ -140,7 +140,7 @@ TEST(RecordXml, ZeroDateTextLoadsAsTheRolledOverDate) {
   custom.XML("<DMCLIENTSCUSTOM><DATEVALUE>0000-00-00 00:00:00</DATEVALUE></DMCLIENTSCUSTOM>");
   EXPECT_FALSE(custom.Error());
   GeneralUtilities utilities;
-  EXPECT_EQ(custom.DateValue(), utilities.ODBCToDateTime(Variant("0000-00-00 00:00:00")));
+  EXPECT_EQ(custom.DateValue(), utilities.ODBCToDateTime("0000-00-00 00:00:00"));
   EXPECT_NE(custom.DateValue(), Date());
 }
 
@@ -170,8 +170,9 @@ TEST(RecordXml, WrongRootStillLoadsMatchingChildren) {
 
 TEST(RecordXml, UnknownChildrenAreSkipped) {
   dmcatalogitem item;
-  item.XML("<DMCATALOGITEM><UNKNOWN>u</UNKNOWN><FILENAME>f</FILENAME>text<!-- c -->"
-           "<NESTED><CATEGORY>inner</CATEGORY></NESTED></DMCATALOGITEM>");
+  item.XML(
+      "<DMCATALOGITEM><UNKNOWN>u</UNKNOWN><FILENAME>f</FILENAME>text<!-- c -->"
+      "<NESTED><CATEGORY>inner</CATEGORY></NESTED></DMCATALOGITEM>");
   EXPECT_FALSE(item.Error());
   EXPECT_EQ(item.FileName(), "f");
   EXPECT_EQ(item.Category(), "");
@@ -198,8 +199,9 @@ TEST(RecordXml, NonNumericTextInNumberColumnsLoadsAsZero) {
   dmclientscustom custom;
   custom.BoolValue(7);
   custom.NumericValue(7.5f);
-  custom.XML("<DMCLIENTSCUSTOM><BOOLVALUE>seven</BOOLVALUE><NUMERICVALUE></NUMERICVALUE>"
-             "</DMCLIENTSCUSTOM>");
+  custom.XML(
+      "<DMCLIENTSCUSTOM><BOOLVALUE>seven</BOOLVALUE><NUMERICVALUE></NUMERICVALUE>"
+      "</DMCLIENTSCUSTOM>");
   EXPECT_FALSE(custom.Error());
   EXPECT_EQ(custom.BoolValue(), 0);
   EXPECT_EQ(custom.NumericValue(), 0.0f);
@@ -214,8 +216,9 @@ TEST(RecordXml, NumericTextRoundsHalfToEven) {
 
 TEST(RecordXml, OutOfRangeNumberFailsAndKeepsEarlierColumns) {
   dmclients client;
-  client.XML("<DMCLIENTS><ADDRESS>first</ADDRESS><EMAILLIST>99999</EMAILLIST>"
-             "<NOTES>after</NOTES></DMCLIENTS>");
+  client.XML(
+      "<DMCLIENTS><ADDRESS>first</ADDRESS><EMAILLIST>99999</EMAILLIST>"
+      "<NOTES>after</NOTES></DMCLIENTS>");
   EXPECT_TRUE(client.Error());
   EXPECT_EQ(client.ErrorMessage(), kLoadElementFailed);
   EXPECT_EQ(client.Address(), "first");
