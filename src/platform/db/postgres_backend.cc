@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/db/sql_text.h"
@@ -112,6 +111,13 @@ class PgCursor : public Cursor {
 
 void IgnoreNotice(void*, const char*) {}
 
+// A statement prepared on the server: its name and the parameter types it
+// was prepared with (one letter each).
+struct PgPrepared {
+  std::string name;
+  std::string kinds;
+};
+
 std::string TrimMessage(const char* message) {
   std::string text = message ? message : "";
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
@@ -121,7 +127,7 @@ std::string TrimMessage(const char* message) {
 class PgBackend : public Backend {
  public:
   explicit PgBackend(PGconn* conn)
-      : conn_(conn), cache_(128, [this](std::string& name) { Deallocate(name); }) {}
+      : conn_(conn), cache_(128, [this](PgPrepared& p) { Deallocate(p); }) {}
   ~PgBackend() override {
     closing_ = true;
     cache_.Clear();
@@ -192,8 +198,8 @@ class PgBackend : public Backend {
   // Runs the current shape as a prepared statement; null when that path
   // fails for any reason (the caller then runs the plain text).
   ResultPtr RunPrepared() {
-    std::string* name = cache_.Find(shape_.text);
-    if (!name) {
+    PgPrepared* prepared = cache_.Find(shape_.text);
+    if (!prepared) {
       std::string fresh = "quillo_s" + std::to_string(++counter_);
       types_.clear();
       for (const ShapeParam& p : shape_.params) {
@@ -211,57 +217,60 @@ class PgBackend : public Backend {
       ResultPtr prep(PQprepare(conn_, fresh.c_str(), shape_.text.c_str(),
                                static_cast<int>(types_.size()), types_.data()));
       if (!Ok(prep.get())) return nullptr;
-      name = cache_.Insert(shape_.text, fresh);
-      kinds_[fresh] = KindsOf(shape_);
-    } else if (kinds_[*name] != KindsOf(shape_)) {
+      prepared = cache_.Insert(shape_.text, PgPrepared{fresh, KindsOf(shape_)});
+    } else if (!SameKinds(prepared->kinds, shape_)) {
       return nullptr;  // Same text, different literal types: not the same statement.
     }
     values_.clear();
     for (const ShapeParam& p : shape_.params) values_.push_back(p.text.c_str());
-    ResultPtr r(PQexecPrepared(conn_, name->c_str(), static_cast<int>(values_.size()),
+    ResultPtr r(PQexecPrepared(conn_, prepared->name.c_str(), static_cast<int>(values_.size()),
                                values_.data(), nullptr, nullptr, 0));
     if (Ok(r.get())) return r;
     // Drop the statement (its plan may no longer fit the tables); the plain
     // text will give the engine's own answer.
-    std::string dead = *name;
-    kinds_.erase(dead);
-    Forget(dead);
+    Forget();
     return nullptr;
   }
 
+  // One letter per parameter: the type the statement was prepared with.
+  static char KindOf(const ShapeParam& p) {
+    if (p.kind == ShapeParam::Kind::kInteger) {
+      return p.integer >= std::numeric_limits<std::int32_t>::min() &&
+                     p.integer <= std::numeric_limits<std::int32_t>::max()
+                 ? 'i'
+                 : 'I';
+    }
+    return p.kind == ShapeParam::Kind::kReal ? 'r' : 't';
+  }
   static std::string KindsOf(const Shape& shape) {
     std::string k;
-    for (const ShapeParam& p : shape.params) {
-      if (p.kind == ShapeParam::Kind::kInteger) {
-        k.push_back(p.integer >= std::numeric_limits<std::int32_t>::min() &&
-                            p.integer <= std::numeric_limits<std::int32_t>::max()
-                        ? 'i'
-                        : 'I');
-      } else {
-        k.push_back(p.kind == ShapeParam::Kind::kReal ? 'r' : 't');
-      }
-    }
+    for (const ShapeParam& p : shape.params) k.push_back(KindOf(p));
     return k;
   }
-
-  void Forget(const std::string& name) {
-    // Rebuild the cache without the one entry: simplest is to clear it.
-    closing_ = PQstatus(conn_) != CONNECTION_OK;
-    cache_.Clear();
-    kinds_.clear();
-    closing_ = false;
-    static_cast<void>(name);
+  static bool SameKinds(const std::string& kinds, const Shape& shape) {
+    if (kinds.size() != shape.params.size()) return false;
+    for (size_t i = 0; i < kinds.size(); ++i) {
+      if (kinds[i] != KindOf(shape.params[i])) return false;
+    }
+    return true;
   }
 
-  void Deallocate(const std::string& name) {
+  // Drops every prepared statement (after one has failed: its plan may no
+  // longer fit the tables it reads).
+  void Forget() {
+    closing_ = PQstatus(conn_) != CONNECTION_OK;
+    cache_.Clear();
+    closing_ = false;
+  }
+
+  void Deallocate(PgPrepared& prepared) {
     if (closing_ || PQstatus(conn_) != CONNECTION_OK) return;
     if (PQtransactionStatus(conn_) == PQTRANS_INERROR) return;
-    ResultPtr r(PQexec(conn_, ("DEALLOCATE " + name).c_str()));
+    ResultPtr r(PQexec(conn_, ("DEALLOCATE " + prepared.name).c_str()));
   }
 
   PGconn* conn_;
-  StatementCache<std::string> cache_;
-  std::unordered_map<std::string, std::string> kinds_;
+  StatementCache<PgPrepared> cache_;
   Shape shape_;
   std::vector<Oid> types_;
   std::vector<const char*> values_;

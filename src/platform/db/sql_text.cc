@@ -126,10 +126,12 @@ size_t ReadEscape(std::string_view sql, size_t i, std::string* stamp) {
   whole = sql.substr(i, k - i + 1);
   if (word == "d") {
     if (!ValidDatePart(value)) BrokenEscape(whole);
-    *stamp = std::string(value) + " 00:00:00";
+    stamp->assign(value);
+    stamp->append(" 00:00:00");
   } else if (word == "t") {
     if (!ValidTimePart(value)) BrokenEscape(whole);
-    *stamp = "1899-12-30 " + std::string(value);
+    stamp->assign("1899-12-30 ");
+    stamp->append(value);
   } else {
     if (value.size() != 19 || value[10] != ' ' || !ValidDatePart(value.substr(0, 10)) ||
         !ValidTimePart(value.substr(11))) {
@@ -177,7 +179,9 @@ std::string RewriteSql(std::string_view sql, Dialect dialect) {
         ++i;
       } else {
         if (dialect == Dialect::kPostgres) out += "TIMESTAMP ";
-        out += "'" + stamp + "'";
+        out.push_back('\'');
+        out.append(stamp);
+        out.push_back('\'');
         i = next;
       }
     } else if (IsIdentChar(c)) {
@@ -211,7 +215,8 @@ bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape) {
     if (dialect == Dialect::kSqlite) {
       shape->text.push_back('?');
     } else {
-      shape->text += "$" + std::to_string(shape->params.size());
+      shape->text.push_back('$');
+      shape->text.append(std::to_string(shape->params.size()));
     }
   };
   auto last_significant = [&]() -> char {

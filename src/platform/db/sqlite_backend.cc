@@ -13,6 +13,7 @@
 #include "platform/db/sql_text.h"
 #include "platform/db/statement_cache.h"
 #include "platform/db/value_parse.h"
+#include "platform/database.h"
 #include "platform/error.h"
 #include "platform/text.h"
 
@@ -273,15 +274,23 @@ class SqliteBackend : public Backend {
 }  // namespace
 
 std::unique_ptr<Backend> OpenSqlite(std::string_view target) {
-  std::string path(target);
+  // PATH[;busy_timeout=MS][;mode=ro]
+  std::vector<std::string> parts = Split(target, ";");
+  std::string path = parts.empty() ? std::string() : parts[0];
   int busy_ms = 5000;
-  if (size_t at = path.rfind(";busy_timeout="); at != std::string::npos) {
-    busy_ms = std::atoi(path.c_str() + at + 14);
-    path.resize(at);
+  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  for (size_t i = 1; i < parts.size(); ++i) {
+    const std::string option = LCase(Trim(parts[i]));
+    if (option.rfind("busy_timeout=", 0) == 0) {
+      busy_ms = std::atoi(option.c_str() + 13);
+    } else if (option == "mode=ro") {
+      flags = SQLITE_OPEN_READONLY;
+    } else {
+      Raise(err::kDbBadArguments, "Unknown SQLite connection option: " + parts[i]);
+    }
   }
   sqlite3* db = nullptr;
-  const int rc = sqlite3_open_v2(path.c_str(), &db,
-                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  const int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
   if (rc != SQLITE_OK) {
     std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
     sqlite3_close_v2(db);
@@ -289,7 +298,7 @@ std::unique_ptr<Backend> OpenSqlite(std::string_view target) {
   }
   sqlite3_busy_timeout(db, busy_ms);
   sqlite3_exec(db, "PRAGMA foreign_keys = OFF", nullptr, nullptr, nullptr);
-  if (path != ":memory:" && !path.empty()) {
+  if (path != ":memory:" && !path.empty() && (flags & SQLITE_OPEN_READWRITE)) {
     sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
   }
   auto handle = std::make_shared<DbHandle>();

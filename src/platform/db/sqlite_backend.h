@@ -10,8 +10,9 @@
 
 namespace quillo::db {
 
-// Opens `target`: a file path, or ":memory:"; an optional suffix
-// ";busy_timeout=MS" sets how long a write waits for a lock (default 5000).
+// Opens `target`: a file path, or ":memory:", followed by optional options:
+// ";busy_timeout=MS" sets how long a statement waits for a lock (default
+// 5000), ";mode=ro" opens the file read-only. Raises 3001 for other options.
 // File databases use WAL journaling; foreign keys are off.
 std::unique_ptr<Backend> OpenSqlite(std::string_view target);
 
