@@ -58,6 +58,13 @@ TcpSocketControl::~TcpSocketControl() {
 const MemberTable& TcpSocketControl::Members() const {
   static const MemberTable table = MemberTable::Builder<TcpSocketControl>("TcpSocketControl")
                                        .Include(SocketControl::Members())
+                                       .Put("ConnectTimeout",
+                                            [](TcpSocketControl& s, int32_t v) {
+                                              s.ConnectTimeout(v);
+                                            })
+                                       .Get("ConnectTimeout", [](TcpSocketControl& s) {
+                                         return s.ConnectTimeout();
+                                       })
                                        .Get("RemoteHost", [](TcpSocketControl& s) {
                                          return s.RemoteHost();
                                        })
@@ -80,6 +87,7 @@ void TcpSocketControl::Connect(const std::string& remote_host, int32_t remote_po
   new_data_ = false;
   tcp_connected_ = false;
   pending_error_.reset();
+  connect_deadline_ = std::chrono::steady_clock::now() + std::chrono::seconds(connect_timeout_);
   Register();
 
   addrinfo hints{};
@@ -131,7 +139,17 @@ short TcpSocketControl::PollInterest() const {
   return interest;
 }
 
+bool TcpSocketControl::HasPendingEvent() const {
+  return pending_error_.has_value() ||
+         (state_ == kConnecting && connect_timeout_ > 0 &&
+          std::chrono::steady_clock::now() >= connect_deadline_);
+}
+
 void TcpSocketControl::Dispatch(short revents) {
+  if (state_ == kConnecting && connect_timeout_ > 0 &&
+      std::chrono::steady_clock::now() >= connect_deadline_) {
+    Fail(kErrTimedOut, DescriptionFor(kErrTimedOut, ETIMEDOUT));
+  }
   if (fd_ >= 0 && revents != 0) {
     if (state_ == kConnecting && !tcp_connected_) {
       int error = 0;

@@ -7,11 +7,14 @@
 // they come and announced with DataArrival(bytes waiting); SendData queues
 // bytes and writes them as the socket accepts them. An orderly close by the
 // peer leaves State 8 (peer closing) and what was received stays readable.
+// A connection (and, for TLS, its handshake) that is not up within
+// ConnectTimeout seconds (30) fails with 10060.
 //
 // Thread-safety: one thread per socket (the one that pumps its events).
 #ifndef QUILLO_PLATFORM_TCP_SOCKET_H_
 #define QUILLO_PLATFORM_TCP_SOCKET_H_
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -33,6 +36,9 @@ class TcpSocketControl : public SocketControl {
   void Close() override;
   long BytesReceived() const override { return static_cast<long>(rx_.size() - rx_pos_); }
 
+  // Seconds a connection (with its handshake) may take; 0 for no limit.
+  void ConnectTimeout(int32_t seconds) { connect_timeout_ = seconds; }
+  int32_t ConnectTimeout() const { return connect_timeout_; }
   // The host name or address last given to Connect.
   const std::string& RemoteHost() const { return remote_host_; }
   // The port last given to Connect.
@@ -40,7 +46,7 @@ class TcpSocketControl : public SocketControl {
 
   int PollDescriptor() const override { return fd_; }
   short PollInterest() const override;
-  bool HasPendingEvent() const override { return pending_error_.has_value(); }
+  bool HasPendingEvent() const override;
   void Dispatch(short revents) override;
 
   const MemberTable& Members() const override;
@@ -75,6 +81,8 @@ class TcpSocketControl : public SocketControl {
   void CloseDescriptor();
 
   int16_t state_ = kClosed;
+  int32_t connect_timeout_ = 30;
+  std::chrono::steady_clock::time_point connect_deadline_;
   std::string remote_host_;
   int32_t remote_port_ = 0;
   bool tcp_connected_ = false;

@@ -111,7 +111,7 @@ void ardESMTP::ClearRecipients() {
     WsGetData(pending, 0);
     reply_buffer_ += pending;
   }
-  reply_buffer_.clear();
+  ClearReplyBuffer();
 }
 
 void ardESMTP::AddCustomHeader(std::string s) {
@@ -306,10 +306,24 @@ void ardESMTP::Winsock_Error(int16_t number, const std::string& description, int
 // ---------------------------------------------------------------------------
 // The dialogue.
 
+size_t ardESMTP::FindLineEnd() {
+  // Data is only ever appended between searches, so the part already searched
+  // (less one byte, which may be a "\r" whose "\n" arrived later) is skipped.
+  const size_t from = reply_scanned_ > 0 ? reply_scanned_ - 1 : 0;
+  const size_t p = reply_buffer_.find(kCrLf, from);
+  reply_scanned_ = p == std::string::npos ? reply_buffer_.size() : p;
+  return p;
+}
+
+void ardESMTP::ClearReplyBuffer() {
+  reply_buffer_.clear();
+  reply_scanned_ = 0;
+}
+
 void ardESMTP::Yield() { PumpEvents(0); }
 
 void ardESMTP::YieldWaiting() {
-  if (reply_buffer_.find(kCrLf) != std::string::npos) {
+  if (FindLineEnd() != std::string::npos) {
     PumpEvents(0);
   } else {
     DoEvents();
@@ -336,10 +350,11 @@ std::string ardESMTP::GetReplyLine() {
     if (p != std::string::npos) {
       line.assign(reply_buffer_, 0, p + 2);
       reply_buffer_.erase(0, p + 2);
+      reply_scanned_ = 0;
       taken = true;
     }
     YieldWaiting();
-    p = reply_buffer_.find(kCrLf);
+    p = FindLineEnd();
     if (DateDiff("s", deadline, Now()) > 0) timed_out = true;
   }
   if (timed_out) {
@@ -398,20 +413,19 @@ int16_t ardESMTP::DeliverMessage(const std::string& recipient) {
   transcript_.clear();
   mask_commands_ = 0;
   Note("-- connect ", mail_server_ + ":" + std::to_string(port_));
-  reply_buffer_.clear();
+  ClearReplyBuffer();
   WsConnect();
-  // Waits for the connection or a socket error. A socket that went into its
-  // error state can never connect, so the wait also ends there.
-  int16_t state = WsState();
-  while (state != SocketControl::kConnected && state != SocketControl::kError &&
-         !transport_error_) {
+  // Waits for the connection or a socket error event. A socket in its error
+  // state can never connect, so when its error event has been pumped and still
+  // not reached us (a host that does not forward it), the wait ends as well.
+  while (WsState() != SocketControl::kConnected && !transport_error_) {
     YieldWaiting();
-    state = WsState();
+    if (WsState() == SocketControl::kError && !transport_error_) break;
   }
   auto fail = [&]() {
     Note("-- failed, rc ", std::to_string(rc_));
     WsClose();
-    reply_buffer_.clear();
+    ClearReplyBuffer();
     return rc_;
   };
   if (WsState() != SocketControl::kConnected) {
@@ -448,7 +462,7 @@ int16_t ardESMTP::DeliverMessage(const std::string& recipient) {
   command_timeout_ = saved_timeout;
   rc_ = SendCommand(kQuit);
   WsClose();
-  reply_buffer_.clear();
+  ClearReplyBuffer();
   Note("-- done, rc ", std::to_string(rc_));
   return 0;
 }

@@ -215,6 +215,10 @@ class ardESMTP : public Object {
   int16_t SendMessageBuffer();
   std::string GetReplyLine();
   int16_t GetReplyCode();
+  // Position (0-based) of the first "\r\n" in the reply buffer, or npos.
+  size_t FindLineEnd();
+  // Empties the reply buffer.
+  void ClearReplyBuffer();
   // Delivers pending events without waiting.
   void Yield();
   // Delivers events, waiting briefly when none is ready and no reply line is
@@ -250,6 +254,7 @@ class ardESMTP : public Object {
   std::string winsock_error_source_;
   std::string message_buffer_;
   std::string reply_buffer_;
+  size_t reply_scanned_ = 0;  // The reply buffer holds no "\r\n" before this position.
   bool transport_error_ = false;
   std::string transcript_;
   int mask_commands_ = 0;  // Credentials still to be masked in the transcript.
