@@ -24,8 +24,9 @@ auto RetryEintr(F f) {
 }
 
 [[noreturn]] void RaiseFileError(int error, std::string_view path) {
-  long number = (error == ENOENT || error == ENOTDIR) ? err::kFileNotFound
-                                                      : err::kPathFileAccessError;
+  // A path that runs through a regular file names no file that could ever be
+  // opened: that is an access error, not a missing file.
+  long number = error == ENOENT ? err::kFileNotFound : err::kPathFileAccessError;
   Raise(number, DefaultErrorDescription(number) + ": " + std::string(path));
 }
 
@@ -65,7 +66,8 @@ std::string ReadFileBytes(std::string_view path) {
   size_t done = 0;
   while (true) {
     if (done == bytes.size()) bytes.resize(bytes.size() + 4096 + bytes.size() / 2);
-    ssize_t n = RetryEintr([&] { return ::read(fd.get(), bytes.data() + done, bytes.size() - done); });
+    ssize_t n =
+        RetryEintr([&] { return ::read(fd.get(), bytes.data() + done, bytes.size() - done); });
     if (n < 0) RaiseFileError(errno, path);
     if (n == 0) break;
     done += static_cast<size_t>(n);

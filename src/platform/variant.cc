@@ -1,5 +1,7 @@
 #include "platform/variant.h"
 
+#include <locale.h>
+
 #include <cfenv>
 #include <charconv>
 #include <cmath>
@@ -80,7 +82,9 @@ double ToDoubleChecked(std::string_view number) {
   for (char& c : text) {
     if (c == 'd' || c == 'D') c = 'e';
   }
-  double value = std::strtod(text.c_str(), nullptr);
+  // Always "." as the point, whatever LC_NUMERIC the host has set.
+  static const locale_t c_locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  double value = ::strtod_l(text.c_str(), nullptr, c_locale);
   if (std::isinf(value)) Raise(err::kOverflow);
   return value;
 }
@@ -90,10 +94,12 @@ double ToDoubleChecked(std::string_view number) {
 std::string FormatSignificant(double value, int digits) {
   if (value == 0) return "0";
   if (std::isnan(value)) return "NaN";
+  // to_chars, unlike printf, never follows the host's LC_NUMERIC.
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.*e", digits - 1, value);
+  auto written = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::scientific,
+                               digits - 1);
   // buf = [-]d.ddddde[+-]xx
-  std::string s(buf);
+  std::string s(buf, written.ptr);
   size_t e = s.find('e');
   int exponent = std::atoi(s.c_str() + e + 1);
   std::string mantissa = s.substr(0, e);
@@ -107,18 +113,18 @@ std::string FormatSignificant(double value, int digits) {
   std::string out;
   if (exponent >= digits || exponent < -5) {
     out = all_digits.substr(0, 1);
-    if (all_digits.size() > 1) out += "." + all_digits.substr(1);
+    if (all_digits.size() > 1) out.append(".").append(all_digits, 1);
     char exp_text[16];
     std::snprintf(exp_text, sizeof exp_text, "E%c%02d", exponent < 0 ? '-' : '+', std::abs(exponent));
     out += exp_text;
   } else if (exponent < 0) {
-    out = "0." + std::string(static_cast<size_t>(-exponent - 1), '0') + all_digits;
+    out.assign("0.").append(static_cast<size_t>(-exponent - 1), '0').append(all_digits);
   } else {
     size_t int_len = static_cast<size_t>(exponent) + 1;
     if (all_digits.size() <= int_len) {
       out = all_digits + std::string(int_len - all_digits.size(), '0');
     } else {
-      out = all_digits.substr(0, int_len) + "." + all_digits.substr(int_len);
+      out.assign(all_digits, 0, int_len).append(".").append(all_digits, int_len);
     }
   }
   return negative ? "-" + out : out;
