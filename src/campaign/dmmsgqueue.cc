@@ -18,7 +18,7 @@ namespace {
 // Write buffer size: records are written out in chunks of about this much.
 constexpr size_t kWriteChunk = 256 * 1024;
 // Read buffer size: the file is read in chunks of this much.
-constexpr size_t kReadChunk = 256 * 1024;
+constexpr size_t kReadChunk = 1024 * 1024;
 
 // Writes all of `bytes` to `fd`, retrying interrupted and partial writes.
 bool WriteAll(int fd, const char* bytes, size_t size) {
@@ -57,6 +57,10 @@ bool ParseRecord(std::string_view line, std::string_view (&fields)[9]) {
     fields[i] = line.substr(pos + 1, close - pos - 1);
     pos = close + 1;
     if (i < 8) {
+      if (pos < line.size() && line[pos] == ',') {  // The usual case: no junk after the quote.
+        ++pos;
+        continue;
+      }
       size_t comma = line.find(',', pos);
       if (comma == std::string_view::npos) return false;
       pos = comma + 1;
