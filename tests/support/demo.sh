@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# The demo job: a fresh SQLite database, a few dozen clients, one campaign of
+# each kind, a real SMTP server on loopback filing mail in a Maildir, and three
+# consecutive days of run-and-send. Prints what went to whom and where it landed.
+#
+#   tests/support/demo.sh BUILD_DIR [OUT_DIR]
+set -euo pipefail
+BUILD=${1:?build directory}
+OUT=${2:-$(pwd)/demo-out}
+QUILLO="$BUILD/cli/quillo"
+SUPPORT=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+rm -rf "$OUT"
+mkdir -p "$OUT/templates"
+DB="sqlite:$OUT/demo.db"
+q() { "$QUILLO" --db "$DB" "$@"; }
+
+echo "-- database $OUT/demo.db"
+q init
+
+T="$OUT/templates"
+printf 'GIF89a\x01\x00\x01\x00\x80\x00\x00\x00\x00\x00\xff\xff\xff!\xf9\x04\x01\x00\x00\x00\x00,\x00\x00\x00\x00\x01\x00\x01\x00\x00\x02\x02D\x01\x00;' >"$T/logo.gif"
+printf '%%PDF-1.4\n%% quillo demo price list\n1 0 obj << >> endobj\ntrailer << >>\n%%%%EOF\n' >"$T/price-list.pdf"
+crlf() { sed 's/$/\r/'; }
+crlf >"$T/welcome.txt" <<TEMPLATE
+[HEADER]
+Replace: FIRST
+Replace: FULLNAME
+Replace: SHORTDATE
+X-Campaign: welcome
+[/HEADER]
+Dear <!--FIRST-->,
+
+welcome aboard! This note was written for <!--FULLNAME--> on <!--SHORTDATE-->.
+TEMPLATE
+crlf >"$T/day2.txt" <<TEMPLATE
+[HEADER]
+Replace: FIRST
+Replace: CSZ
+Attach: $T/price-list.pdf
+[/HEADER]
+Hello <!--FIRST-->, our price list for <!--CSZ-->is attached.
+TEMPLATE
+crlf >"$T/tips.html" <<TEMPLATE
+[HEADER]
+Replace: FIRST
+Inline: $T/logo.gif, logo01
+X-PRIORITY: 3
+[/HEADER]
+<html><body><img src="cid:logo01"><p>Tip for <!--FIRST-->: send less, say more.</p></body></html>
+TEMPLATE
+crlf >"$T/tips2.txt" <<TEMPLATE
+[HEADER]
+Replace: FIRST
+[/HEADER]
+Second tip for <!--FIRST-->: keep lists clean.
+TEMPLATE
+crlf >"$T/news.txt" <<TEMPLATE
+[HEADER]
+Replace: FULLNAMEADDRCRLF
+[/HEADER]
+<!--FULLNAMEADDRCRLF-->
+
+This month's news, for every client on the list.
+TEMPLATE
+
+echo "-- clients"
+{
+  echo "email,first,last,company,address,city,state,zip,country"
+  names=(Ada Alan Grace Edsger Barbara Donald Ken Dennis Bjarne Margaret Linus Guido Niklaus
+    Frances John Radia Leslie Tony Butler Shafi Whitfield Martin Anita Sophie Yukihiro Brian
+    Rob Lorinda Hedy Katherine)
+  i=0
+  for n in "${names[@]}"; do
+    i=$((i + 1))
+    echo "$(echo "$n" | tr 'A-Z' 'a-z')@example.test,$n,Client$i,Example Co,$i Main Street,Springfield,IL,6270$((i % 10)),USA"
+  done
+  echo "~tmp-placeholder@example.test,Temp,Placeholder,,,,,,"
+} >"$OUT/clients.csv"
+q client import "$OUT/clients.csv"
+
+echo "-- campaigns"
+q campaign add --name "Welcome series" --type 1 --description "Sequential offset: items on day 0 and 2" >/dev/null
+q campaign item --campaign "Welcome series" --file "$T/welcome.txt" --interval 0 --description "Welcome!" >/dev/null
+q campaign item --campaign "Welcome series" --file "$T/day2.txt" --interval 2 --description "Our price list" >/dev/null
+q campaign add --name "Tips" --type 2 --description "Incremental: one new tip per run" >/dev/null
+q campaign item --campaign "Tips" --file "$T/tips.html" --interval 1 --description "Tip one" >/dev/null
+q campaign item --campaign "Tips" --file "$T/tips2.txt" --interval 2 --description "Tip two" >/dev/null
+q campaign add --name "Newsletter" --type 0 --description "Standard list: everyone, every run" >/dev/null
+q campaign item --campaign "Newsletter" --file "$T/news.txt" --interval 0 --description "Monthly news" >/dev/null
+q campaign list
+
+START=$(date -d '-2 days' +%F)
+DAY1=$(date +%F)
+echo "-- enrolments from $START"
+{
+  echo "email,date"
+  tail -n +2 "$OUT/clients.csv" | cut -d, -f1 | head -n 12 | while read -r e; do echo "$e,$START"; done
+} >"$OUT/welcome.csv"
+{
+  echo "email,date"
+  tail -n +2 "$OUT/clients.csv" | cut -d, -f1 | sed -n '10,20p' | while read -r e; do echo "$e,$START"; done
+} >"$OUT/tips.csv"
+{
+  echo "email,date"
+  tail -n +2 "$OUT/clients.csv" | cut -d, -f1 | sed -n '20,40p' | while read -r e; do echo "$e,$START"; done
+} >"$OUT/news.csv"
+q enrol import --campaign "Welcome series" "$OUT/welcome.csv"
+q enrol import --campaign "Tips" "$OUT/tips.csv"
+q enrol import --campaign "Newsletter" "$OUT/news.csv"
+
+echo "-- SMTP server (aiosmtpd) on loopback, Maildir $OUT/Maildir"
+/usr/bin/python3 "$SUPPORT/maildir_smtpd.py" --maildir "$OUT/Maildir" --port-file "$OUT/smtp.port" \
+  --seconds 120 &
+SMTPD=$!
+trap 'kill $SMTPD 2>/dev/null; wait $SMTPD 2>/dev/null || true' EXIT
+for _ in $(seq 100); do [ -s "$OUT/smtp.port" ] && break; sleep 0.1; done
+PORT=$(cat "$OUT/smtp.port")
+q account add --email news@quillo.example --server 127.0.0.1 --port "$PORT" --friendly "Quillo Demo" --default >/dev/null
+q account list
+
+for offset in 0 1 2; do
+  D=$(date -d "$DAY1 +$offset days" +%F)
+  for c in "Welcome series" "Tips" "Newsletter"; do
+    echo "-- $D: $c"
+    q send --campaign "$c" --date "$D" --queue "$OUT/queue-$D-${c// /_}.txt" --quiet
+  done
+done
+
+echo "-- schedule of the newsletter"
+q schedule --campaign "Newsletter" --date "$DAY1"
+
+echo "-- what landed in $OUT/Maildir"
+/usr/bin/python3 - "$OUT/Maildir" <<'PY'
+import mailbox, sys
+box = mailbox.Maildir(sys.argv[1], create=False)
+rows = sorted((m["To"], m["Subject"], len(m.get_payload()) if m.is_multipart() else 1) for m in box)
+for to, subject, parts in rows:
+    print(f"  {to:<32} {subject:<20} {parts} part(s)")
+print(f"{len(rows)} messages delivered to {sys.argv[1]}")
+PY
