@@ -1,0 +1,300 @@
+// The SQLite engine. Statements are prepared once per shape (literal values
+// taken out as parameters) and re-bound, so a stream of texts that differ
+// only in their values costs one parse.
+#include "platform/db/sqlite_backend.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "platform/db/sql_text.h"
+#include "platform/db/statement_cache.h"
+#include "platform/db/value_parse.h"
+#include "platform/error.h"
+#include "platform/text.h"
+
+namespace quillo::db {
+namespace {
+
+enum class ColumnKind { kNone, kText, kInteger, kLong, kSingle, kDouble, kDate };
+
+ColumnKind KindOfDeclared(const char* declared) {
+  if (!declared) return ColumnKind::kNone;
+  const std::string t = UCase(declared);
+  auto has = [&](const char* s) { return t.find(s) != std::string::npos; };
+  if (has("DATE") || has("TIME")) return ColumnKind::kDate;
+  if (has("SMALLINT") || has("INT2") || t == "SHORT") return ColumnKind::kInteger;
+  if (has("INT")) return ColumnKind::kLong;
+  if (has("CHAR") || has("TEXT") || has("CLOB")) return ColumnKind::kText;
+  if (t == "REAL" || has("FLOAT4") || has("SINGLE")) return ColumnKind::kSingle;
+  if (has("DOUB") || has("FLOA") || has("NUMERIC") || has("DECIMAL")) return ColumnKind::kDouble;
+  return ColumnKind::kNone;
+}
+
+// A prepared statement with what is known about its columns; shared between
+// the cache and a cursor that is walking it.
+struct Prepared {
+  sqlite3_stmt* stmt = nullptr;
+  bool busy = false;
+  std::vector<std::string> names;
+  std::vector<ColumnKind> kinds;
+  ~Prepared() { sqlite3_finalize(stmt); }
+  void Describe() {
+    const int n = sqlite3_column_count(stmt);
+    names.resize(n);
+    kinds.resize(n);
+    for (int i = 0; i < n; ++i) {
+      const char* name = sqlite3_column_name(stmt, i);
+      names[i] = name ? name : "";
+      kinds[i] = KindOfDeclared(sqlite3_column_decltype(stmt, i));
+    }
+  }
+};
+using PreparedPtr = std::shared_ptr<Prepared>;
+
+Variant IntegerValue(sqlite3_int64 v, ColumnKind kind) {
+  switch (kind) {
+    case ColumnKind::kInteger:
+      if (v >= std::numeric_limits<std::int16_t>::min() &&
+          v <= std::numeric_limits<std::int16_t>::max()) {
+        return Variant(static_cast<std::int16_t>(v));
+      }
+      break;
+    case ColumnKind::kSingle:
+      return Variant(static_cast<float>(v));
+    case ColumnKind::kDouble:
+      return Variant(static_cast<double>(v));
+    case ColumnKind::kDate:
+      return Variant(Date(static_cast<double>(v)));
+    default:
+      break;
+  }
+  if (v >= std::numeric_limits<std::int32_t>::min() &&
+      v <= std::numeric_limits<std::int32_t>::max()) {
+    return Variant(static_cast<std::int32_t>(v));
+  }
+  return Variant(static_cast<double>(v));
+}
+
+Variant ColumnValue(sqlite3_stmt* stmt, int i, ColumnKind kind) {
+  switch (sqlite3_column_type(stmt, i)) {
+    case SQLITE_NULL:
+      return Variant(kNull);
+    case SQLITE_INTEGER:
+      return IntegerValue(sqlite3_column_int64(stmt, i), kind);
+    case SQLITE_FLOAT: {
+      const double v = sqlite3_column_double(stmt, i);
+      if (kind == ColumnKind::kSingle) return Variant(static_cast<float>(v));
+      if (kind == ColumnKind::kDate) return Variant(Date(v));
+      return Variant(v);
+    }
+    default: {
+      const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt, i));
+      const int n = sqlite3_column_bytes(stmt, i);
+      std::string_view text(p ? p : "", static_cast<size_t>(n));
+      if (kind == ColumnKind::kDate) {
+        Date d;
+        if (ParseStoredDateTime(text, &d)) return Variant(d);
+      }
+      return Variant(std::string(text));
+    }
+  }
+}
+
+// The open database, shared by the engine and any cursor still walking it,
+// so that a cursor outliving its connection stays safe.
+struct DbHandle {
+  sqlite3* db = nullptr;
+  ~DbHandle() { sqlite3_close_v2(db); }
+};
+using DbHandlePtr = std::shared_ptr<DbHandle>;
+
+class SqliteCursor : public Cursor {
+ public:
+  SqliteCursor(DbHandlePtr db, PreparedPtr prepared)
+      : handle_(std::move(db)), db_(handle_->db), prepared_(std::move(prepared)) {}
+  ~SqliteCursor() override { Finish(); }
+  const std::vector<std::string>& Names() const override { return prepared_->names; }
+  bool Next(std::vector<Variant>* row) override {
+    if (done_) return false;
+    sqlite3_stmt* stmt = prepared_->stmt;
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW) {
+      const size_t n = prepared_->kinds.size();
+      row->resize(n);
+      for (size_t i = 0; i < n; ++i) {
+        (*row)[i] = ColumnValue(stmt, static_cast<int>(i), prepared_->kinds[i]);
+      }
+      return true;
+    }
+    if (rc == SQLITE_DONE) {
+      Finish();
+      return false;
+    }
+    const long code = sqlite3_errcode(db_) & 0xff;
+    std::string text = sqlite3_errmsg(db_);
+    Finish();
+    Raise(code ? code : rc & 0xff, text);
+  }
+
+ private:
+  void Finish() {
+    if (done_) return;
+    done_ = true;
+    sqlite3_reset(prepared_->stmt);
+    sqlite3_clear_bindings(prepared_->stmt);
+    prepared_->busy = false;
+  }
+  DbHandlePtr handle_;
+  sqlite3* db_;
+  PreparedPtr prepared_;
+  bool done_ = false;
+};
+
+class SqliteBackend : public Backend {
+ public:
+  explicit SqliteBackend(DbHandlePtr handle)
+      : handle_(std::move(handle)), db_(handle_->db), cache_(128, [](PreparedPtr& p) {
+          p.reset();
+        }) {}
+  ~SqliteBackend() override { cache_.Clear(); }
+
+  std::string EngineName() const override { return "sqlite"; }
+
+  long Execute(std::string_view sql) override {
+    const std::string text = RewriteSql(sql, Dialect::kSqlite);
+    if (PreparedPtr p = FromShape(text)) {
+      SqliteCursor cursor(handle_, p);
+      std::vector<Variant> row;
+      while (cursor.Next(&row)) {
+      }
+      return static_cast<long>(sqlite3_changes(db_));
+    }
+    // Plain path: every statement of the text in turn.
+    const char* tail = text.c_str();
+    const char* end = tail + text.size();
+    long changed = 0;
+    while (tail < end) {
+      sqlite3_stmt* stmt = nullptr;
+      const char* next = nullptr;
+      int rc = sqlite3_prepare_v2(db_, tail, static_cast<int>(end - tail), &stmt, &next);
+      if (rc != SQLITE_OK) Fail(rc);
+      if (!stmt) break;  // Only blanks or comments were left.
+      while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+      }
+      if (rc != SQLITE_DONE) {
+        const long code = sqlite3_errcode(db_) & 0xff;
+        std::string message = sqlite3_errmsg(db_);
+        sqlite3_finalize(stmt);
+        Raise(code, message);
+      }
+      changed = sqlite3_changes(db_);
+      sqlite3_finalize(stmt);
+      tail = next;
+    }
+    return changed;
+  }
+
+  std::unique_ptr<Cursor> Query(std::string_view sql, bool /*stream*/) override {
+    const std::string text = RewriteSql(sql, Dialect::kSqlite);
+    PreparedPtr p = FromShape(text);
+    if (!p) {
+      p = std::make_shared<Prepared>();
+      const char* next = nullptr;
+      const int rc = sqlite3_prepare_v2(db_, text.c_str(), static_cast<int>(text.size()),
+                                        &p->stmt, &next);
+      if (rc != SQLITE_OK) Fail(rc);
+      if (!p->stmt) Raise(SQLITE_MISUSE, "The query text holds no statement.");
+      p->Describe();
+      p->busy = true;
+    }
+    return std::make_unique<SqliteCursor>(handle_, std::move(p));
+  }
+
+ private:
+  [[noreturn]] void Fail(int rc) {
+    const long code = sqlite3_errcode(db_) & 0xff;
+    Raise(code ? code : rc & 0xff, sqlite3_errmsg(db_));
+  }
+
+  // The cached prepared statement for the shape of `text`, bound to its
+  // values and marked busy; null when the text has no usable shape.
+  PreparedPtr FromShape(const std::string& text) {
+    if (!ExtractShape(text, Dialect::kSqlite, &shape_)) return nullptr;
+    PreparedPtr p;
+    if (PreparedPtr* cached = cache_.Find(shape_.text); cached && !(*cached)->busy) {
+      p = *cached;
+    } else {
+      p = std::make_shared<Prepared>();
+      const char* next = nullptr;
+      if (sqlite3_prepare_v2(db_, shape_.text.c_str(), static_cast<int>(shape_.text.size()),
+                             &p->stmt, &next) != SQLITE_OK ||
+          !p->stmt || sqlite3_bind_parameter_count(p->stmt) !=
+                          static_cast<int>(shape_.params.size())) {
+        return nullptr;  // The plain path reports the engine's own error.
+      }
+      p->Describe();
+      if (!cached) cache_.Insert(shape_.text, p);
+    }
+    for (size_t i = 0; i < shape_.params.size(); ++i) {
+      const ShapeParam& param = shape_.params[i];
+      const int at = static_cast<int>(i) + 1;
+      int rc;
+      switch (param.kind) {
+        case ShapeParam::Kind::kInteger:
+          rc = sqlite3_bind_int64(p->stmt, at, param.integer);
+          break;
+        case ShapeParam::Kind::kReal:
+          rc = sqlite3_bind_double(p->stmt, at, param.real);
+          break;
+        default:
+          rc = sqlite3_bind_text(p->stmt, at, param.text.data(),
+                                 static_cast<int>(param.text.size()), SQLITE_TRANSIENT);
+          break;
+      }
+      if (rc != SQLITE_OK) {
+        sqlite3_clear_bindings(p->stmt);
+        return nullptr;
+      }
+    }
+    p->busy = true;
+    return p;
+  }
+
+  DbHandlePtr handle_;
+  sqlite3* db_;
+  StatementCache<PreparedPtr> cache_;
+  Shape shape_;
+};
+
+}  // namespace
+
+std::unique_ptr<Backend> OpenSqlite(std::string_view target) {
+  std::string path(target);
+  int busy_ms = 5000;
+  if (size_t at = path.rfind(";busy_timeout="); at != std::string::npos) {
+    busy_ms = std::atoi(path.c_str() + at + 14);
+    path.resize(at);
+  }
+  sqlite3* db = nullptr;
+  const int rc = sqlite3_open_v2(path.c_str(), &db,
+                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  if (rc != SQLITE_OK) {
+    std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+    sqlite3_close_v2(db);
+    Raise(rc & 0xff, message + " (" + path + ")");
+  }
+  sqlite3_busy_timeout(db, busy_ms);
+  sqlite3_exec(db, "PRAGMA foreign_keys = OFF", nullptr, nullptr, nullptr);
+  if (path != ":memory:" && !path.empty()) {
+    sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+  }
+  auto handle = std::make_shared<DbHandle>();
+  handle->db = db;
+  return std::make_unique<SqliteBackend>(std::move(handle));
+}
+
+}  // namespace quillo::db
