@@ -1,0 +1,291 @@
+#include "campaign/dm_campaign_processor.h"
+
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/error.h"
+#include "platform/format.h"
+#include "platform/text.h"
+#include "platform/variant.h"
+#include "records/general_utilities.h"
+#include "records/sql_statement.h"
+
+namespace quillo {
+
+namespace {
+
+// True for placeholder addresses: the first four characters are "~tmp" in any case.
+bool IsPlaceholderAddress(const std::string& email) {
+  return EqualsIgnoreCase(Left(email, 4), "~tmp");
+}
+
+}  // namespace
+
+dmCampaignProcessor::dmCampaignProcessor() : current_date_(Today()) {}
+
+dmCampaignProcessor::~dmCampaignProcessor() = default;
+
+void dmCampaignProcessor::Connection(std::shared_ptr<quillo::Connection> connection) {
+  connection_ = std::move(connection);
+}
+
+Date dmCampaignProcessor::LastRunEffectiveDate() const {
+  return last_run_ ? last_run_->EffectiveDate() : kZeroDate;
+}
+
+Date dmCampaignProcessor::LastRunDate() const {
+  return last_run_ ? last_run_->RunDate() : kZeroDate;
+}
+
+std::shared_ptr<dmCampaignMsg> dmCampaignProcessor::Message(std::int32_t n) {
+  return Messages()->Item(n);
+}
+
+std::shared_ptr<dmCampaignProcessor::MessageList> dmCampaignProcessor::Messages() {
+  EnsureCollection(messages_);
+  return messages_;
+}
+
+std::shared_ptr<dmmrktcmpitems> dmCampaignProcessor::CampaignItem(std::int32_t n) {
+  return CampaignItems()->Item(n);
+}
+
+std::shared_ptr<dmCampaignProcessor::ItemList> dmCampaignProcessor::CampaignItems() {
+  EnsureCollection(items_);
+  return items_;
+}
+
+SQLStatement& dmCampaignProcessor::Statement() {
+  if (!statement_) statement_ = std::make_unique<SQLStatement>();
+  return *statement_;
+}
+
+// --- Loading ------------------------------------------------------------------
+
+void dmCampaignProcessor::LoadCampaign() {
+  auto campaign = std::make_shared<dmmrktcmp>();
+  campaign_ = campaign;
+  campaign->Connection(connection_);
+  campaign->IDGenerator(id_generator_);
+  campaign->RecID(campaign_rec_id_);
+  campaign->LoadData();
+}
+
+void dmCampaignProcessor::LoadCampaignItems() {
+  SQLStatement& st = Statement();
+  st.Connection(connection_);
+  st.Sql("SELECT * FROM dmmrktcmpitems WHERE CampaignRecID = '" + campaign_rec_id_ + "' " +
+         "ORDER BY Interval;");
+  auto rs = std::make_shared<Recordset>();
+  st.GetRecordsetFO(rs);
+  ItemList& items = *CampaignItems();
+  // Deliberately not cleared: a second call appends the items again.
+  while (!rs->Eof()) {
+    auto item = std::make_shared<dmmrktcmpitems>();
+    item->Connection(connection_);
+    item->LoadDataFromDS(rs);
+    items.Add(std::move(item));
+    rs->MoveNext();
+  }
+  rs->Close();
+}
+
+void dmCampaignProcessor::LoadData() {
+  LoadCampaign();
+  LoadCampaignItems();
+  Messages()->Clear();
+}
+
+// --- Running ------------------------------------------------------------------
+
+void dmCampaignProcessor::Process() {
+  Messages()->Clear();
+  history_ = std::make_shared<dmmrktcmphistory>();
+  history_->Connection(connection_);
+  history_->IDGenerator(id_generator_);
+  if (!campaign_) Raise(err::kObjectNotSet, "The campaign is not loaded (call LoadData first)");
+  history_->CampaignRecID(campaign_->RecID());
+  history_->EffectiveDate(current_date_);
+  history_->RunDate(Now());
+  history_->SaveData();
+  send_date_ = FormatDate(current_date_, "yyyy-mm-dd");
+  switch (campaign_->CampaignType()) {
+    case 1:
+      ProcessSequentialOffset();
+      break;
+    case 2:
+      ProcessIncremental();
+      break;
+    default:
+      ProcessStandardList();
+      break;
+  }
+}
+
+void dmCampaignProcessor::Delete() {
+  if (history_) history_->Delete();
+}
+
+std::shared_ptr<Recordset> dmCampaignProcessor::OpenEnrolments() {
+  SQLStatement& st = Statement();
+  st.Connection(connection_);
+  st.Sql(
+      "SELECT dmclientsmrktcmp.*, dmclients.email "
+      "FROM dmclientsmrktcmp INNER JOIN dmclients ON dmclientsmrktcmp.Account = "
+      "dmclients.account " +
+      std::string("WHERE dmclientsmrktcmp.CampaignRecID = '") + campaign_->RecID() + "' " +
+      "AND dmclientsmrktcmp.EffectiveDate <= " +
+      DateToODBCLiteral(Variant(current_date_)).ToString() + " ORDER BY dmclients.email;");
+  // A keyset cursor, so that the record count (the total of StatusChange) is known.
+  auto rs = std::make_shared<Recordset>();
+  st.GetRecordset(rs);
+  return rs;
+}
+
+bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::string& account) {
+  SQLStatement& st = Statement();
+  st.Connection(connection_);
+  st.Sql("SELECT RecID FROM dmsentitems WHERE CampaignRecID = '" + campaign_->RecID() + "' " +
+         "AND CampaignItemRecID = '" + item.RecID() + "' " + "AND Account = '" + account + "';");
+  auto rs = std::make_shared<Recordset>();
+  st.GetRecordsetFO(rs);
+  return !rs->Eof();
+}
+
+std::shared_ptr<dmclientsmrktcmp> dmCampaignProcessor::LoadEnrolment(
+    const std::shared_ptr<Recordset>& rs, std::string* email) {
+  auto enrolment = std::make_shared<dmclientsmrktcmp>();
+  enrolment->LoadDataFromDS(rs);
+  *email = NullToText(rs->FieldValue("Email")).ToString();
+  return enrolment;
+}
+
+void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
+                                   const dmmrktcmpitems& item) {
+  auto msg = std::make_shared<dmCampaignMsg>();
+  msg->Account(enrolment.Account());
+  msg->CampaignName(campaign_->CampaignName());
+  msg->CampaignType(std::to_string(campaign_->CampaignType()));
+  msg->CampaignRecID(item.CampaignRecID());
+  msg->CampaignItemRecID(item.RecID());
+  msg->Email(email);
+  msg->MessageFileName(item.MessageFileName());
+  msg->HistoryRecID(history_->RecID());
+  msg->SendDate(send_date_);
+  Messages()->Add(msg);
+  if (use_message_queue_) {
+    if (!message_queue_) message_queue_ = std::make_shared<dmmsgqueue>();
+    message_queue_->WriteMessage(*msg);
+  }
+}
+
+void dmCampaignProcessor::RaiseStatusChange(std::string& message, std::int32_t& cnt,
+                                            std::int32_t& total) {
+  if (on_status_change_) on_status_change_(message, cnt, total);
+  if (!HasSinks()) return;
+  std::vector<Variant> args = {Variant(message), Variant(cnt), Variant(total)};
+  FireEvent("StatusChange", args);
+  // The arguments are passed by reference: a sink may change them.
+  message = args[0].ToString();
+  cnt = args[1].ToLong();
+  total = args[2].ToLong();
+}
+
+void dmCampaignProcessor::ProcessSequentialOffset() {
+  auto rs = OpenEnrolments();
+  std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
+  std::int32_t cnt = 0;
+  ItemList& items = *CampaignItems();
+  while (!rs->Eof()) {
+    ++cnt;
+    std::string email;
+    auto enrolment = LoadEnrolment(rs, &email);
+    RaiseStatusChange(email, cnt, total);
+    if (!IsPlaceholderAddress(email)) {
+      for (std::int32_t i = 1; i <= items.Count(); ++i) {
+        const dmmrktcmpitems& item = *items.Item(i);
+        if (AlreadySent(item, enrolment->Account())) continue;
+        // Both sides of the date test are 16-bit numbers, as the schedule was designed.
+        std::int16_t days = RoundToInteger(
+            static_cast<double>(DateDiff("d", enrolment->EffectiveDate(), current_date_)));
+        std::int16_t interval = RoundToInteger(item.Interval());
+        if (days >= interval) HandOver(*enrolment, email, item);
+      }
+    }
+    rs->MoveNext();
+  }
+}
+
+void dmCampaignProcessor::ProcessIncremental() {
+  auto rs = OpenEnrolments();
+  std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
+  std::int32_t cnt = 0;
+  ItemList& items = *CampaignItems();
+  while (!rs->Eof()) {
+    ++cnt;
+    std::string email;
+    auto enrolment = LoadEnrolment(rs, &email);
+    RaiseStatusChange(email, cnt, total);
+    if (!IsPlaceholderAddress(email)) {
+      for (std::int32_t i = 1; i <= items.Count(); ++i) {
+        const dmmrktcmpitems& item = *items.Item(i);
+        if (!AlreadySent(item, enrolment->Account())) {
+          HandOver(*enrolment, email, item);
+          break;
+        }
+      }
+    }
+    rs->MoveNext();
+  }
+}
+
+void dmCampaignProcessor::ProcessStandardList() {
+  auto rs = OpenEnrolments();
+  ItemList& items = *CampaignItems();
+  while (!rs->Eof()) {
+    std::string email;
+    auto enrolment = LoadEnrolment(rs, &email);
+    if (!IsPlaceholderAddress(email)) {
+      for (std::int32_t i = 1; i <= items.Count(); ++i) HandOver(*enrolment, email, *items.Item(i));
+    }
+    rs->MoveNext();
+  }
+}
+
+// --- By name --------------------------------------------------------------------
+
+const MemberTable& dmCampaignProcessor::Members() const {
+  using P = dmCampaignProcessor;
+  static const MemberTable table =
+      MemberTable::Builder<P>("dmCampaignProcessor")
+          .Put("UseMessageQueue", [](P& p, bool v) { p.UseMessageQueue(v); })
+          .Put("MessageQueue",
+               [](P& p, std::shared_ptr<dmmsgqueue> q) { p.MessageQueue(std::move(q)); })
+          .Get("LastRunEffectiveDate", [](P& p) { return p.LastRunEffectiveDate(); })
+          .Get("LastRunDate", [](P& p) { return p.LastRunDate(); })
+          .Put("Connection",
+               [](P& p, std::shared_ptr<quillo::Connection> c) { p.Connection(std::move(c)); })
+          .Put("IDGenerator", [](P& p, ObjectPtr g) { p.IDGenerator(std::move(g)); })
+          .Put("CampaignRecID", [](P& p, std::string id) { p.CampaignRecID(std::move(id)); })
+          .Put("CurrentDate", [](P& p, Date d) { p.CurrentDate(d); })
+          .Method("Message", [](P& p, std::int32_t n) { return p.Message(n); })
+          .Method("Messages", [](P& p) { return p.Messages(); })
+          .Method("CampaignItem", [](P& p, std::int32_t n) { return p.CampaignItem(n); })
+          .Method("CampaignItems", [](P& p) { return p.CampaignItems(); })
+          .Get("NoPrompt", [](P& p) { return p.NoPrompt(); })
+          .Put("NoPrompt", [](P& p, bool v) { p.NoPrompt(v); })
+          .Method("Campaign", [](P& p) { return p.Campaign(); })
+          .Get("History", [](P& p) { return p.History(); })
+          .Method("LoadCampaign", [](P& p) { p.LoadCampaign(); })
+          .Method("LoadCampaignItems", [](P& p) { p.LoadCampaignItems(); })
+          .Method("LoadData", [](P& p) { p.LoadData(); })
+          .Method("Process", [](P& p) { p.Process(); })
+          .Method("Delete", [](P& p) { p.Delete(); })
+          .Build();
+  return table;
+}
+
+QUILLO_REGISTER_CLASS(dmCampaignProcessor, Creatable::kPublic);
+
+}  // namespace quillo
