@@ -364,8 +364,15 @@ double Val(std::string_view text) {
   }
   std::string_view s = compact;
   if (s.size() >= 2 && s[0] == '&') {
+    // The literal ends at the first character that is not a digit of its
+    // radix: Val("&O19") reads "&O1".
+    bool octal = s[1] == 'O' || s[1] == 'o';
+    auto is_digit = [octal](char c) {
+      if (octal) return c >= '0' && c <= '7';
+      return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    };
     size_t end = 2;
-    while (end < s.size() && std::isxdigit(static_cast<unsigned char>(s[end]))) ++end;
+    while (end < s.size() && is_digit(s[end])) ++end;
     try {
       auto radix = ParseRadix(s.substr(0, end));
       return radix ? *radix : 0.0;

@@ -274,6 +274,13 @@ TEST(Val, ReadsTheLeadingNumber) {
   EXPECT_EQ(Val("\t7\n"), 7.0);
   EXPECT_EQ(Val("&H10"), 16.0);
   EXPECT_EQ(Val("&HFFFF"), -1.0);
+  EXPECT_EQ(Val("&H1Fg"), 31.0);
+}
+
+TEST(Val, OctalLiteralEndsAtTheFirstNonOctalDigit) {
+  EXPECT_EQ(Val("&O17"), 15.0);
+  EXPECT_EQ(Val("&O19"), 1.0);
+  EXPECT_EQ(Val("&O8"), 0.0);
 }
 
 TEST(ParseNumber, ReadsWholeTextOnly) {
