@@ -28,6 +28,11 @@
 #include <vector>
 
 #include "platform/collection.h"
+#include "platform/database.h"
+#include "platform/event_loop.h"
+#include "platform/schema.h"
+#include "platform/socket.h"
+#include "records/general_utilities.h"
 #include "platform/error.h"
 #include "platform/object.h"
 #include "platform/regional.h"
@@ -393,6 +398,34 @@ PYBIND11_MODULE(quillo, m) {
 
   DefineRegional(m);
 
-  // Free functions of the other layers are bound here with DefineFunction, one
-  // line each, as they become part of the library.
+  // Free functions of the other layers, one line each.
+  DefineFunction(
+      m, "DoEvents", +[] { return static_cast<std::int32_t>(DoEvents()); },
+      "Dispatches ready socket events, or waits a few milliseconds for one.");
+  DefineFunction(
+      m, "ForwardEvents",
+      +[](std::shared_ptr<SocketControl> socket, ObjectPtr client) {
+        ForwardEvents(socket, client);
+      },
+      "Wires a socket control's DataArrival and Error events to an ardESMTP's forwarders.");
+  DefineFunction(
+      m, "OpenConnection",
+      +[](std::string_view text) {
+        auto connection = std::make_shared<Connection>();
+        connection->Open(text);
+        return connection;
+      },
+      "Opens a Connection (sqlite:PATH, sqlite::memory: or a PostgreSQL URI).");
+  DefineFunction(
+      m, "CreateSchema", +[](std::shared_ptr<Connection> c) {
+        if (!c) Raise(err::kObjectNotSet);
+        schema::Create(*c);
+      },
+      "Creates every table and index that does not exist yet.");
+  DefineFunction(
+      testing, "NullToText", +[](Variant x) { return NullToText(x); },
+      "The empty text joined with x.");
+  DefineFunction(
+      testing, "DateToODBCLiteral", +[](Variant x) { return DateToODBCLiteral(x); },
+      "{d 'yyyy-mm-dd'} built from the mm/dd/yyyy text of x.");
 }

@@ -1,0 +1,120 @@
+// The subcommands of the `quillo` command, one function each.
+#ifndef QUILLO_CLI_COMMANDS_H_
+#define QUILLO_CLI_COMMANDS_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "store.h"
+
+namespace quillo::cli {
+
+// Options every subcommand shares.
+struct GlobalOptions {
+  std::string db = "sqlite:quillo.db";  // Connection text.
+  bool verbose = false;                 // Log each step through spdlog.
+};
+
+// A date given on the command line as YYYY-MM-DD; CommandError otherwise.
+Date ParseDateOption(const std::string& text);
+
+// Text form of a date for listings ("yyyy-mm-dd", or "-" for the zero date).
+std::string DateText(Date d);
+
+struct CampaignAdd {
+  std::string name;
+  std::int32_t type = 0;
+  std::int32_t interval = 0;
+  std::string effective;  // YYYY-MM-DD; default today.
+  std::string description;
+};
+struct ItemAdd {
+  std::string campaign;
+  std::string file;
+  std::int32_t interval = 0;
+  std::string description;
+};
+struct ClientAdd {
+  std::string email, first, last, middle, company, address, po, city, state, zip, country;
+};
+struct EnrolAdd {
+  std::string campaign;
+  std::string client;
+  std::string date;  // YYYY-MM-DD; default today.
+};
+struct AccountAdd {
+  std::string email, server, name, friendly, domain, password_env;
+  std::int32_t port = 25;
+  bool auth = false;
+  bool make_default = false;
+};
+struct RunOptions {
+  std::string campaign;
+  std::string date;
+  std::string queue;  // Empty: the messages are listed, not queued.
+  bool quiet = false;
+};
+struct SendOptions {
+  std::string queue;
+  std::string campaign;  // With date: run first, then send what the run queued.
+  std::string date;
+  std::string smtp;      // smtp://[user@]host[:port] or smtps://...
+  std::string account;   // The dmsmtpaccounts e-mail to send from.
+  std::string templates; // Folder that relative template names are read from.
+  std::string ca_file;   // Extra CA certificate for smtps.
+  std::int32_t timeout = 60;
+  bool quiet = false;
+};
+
+void CmdInit(const GlobalOptions& g);
+void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a);
+void CmdCampaignList(const GlobalOptions& g);
+void CmdItemAdd(const GlobalOptions& g, const ItemAdd& a);
+void CmdItemList(const GlobalOptions& g, const std::string& campaign);
+void CmdClientAdd(const GlobalOptions& g, const ClientAdd& a);
+void CmdClientList(const GlobalOptions& g);
+void CmdClientImport(const GlobalOptions& g, const std::string& csv_file);
+void CmdEnrolAdd(const GlobalOptions& g, const EnrolAdd& a);
+void CmdEnrolList(const GlobalOptions& g, const std::string& campaign);
+void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign, const std::string& csv);
+void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a);
+void CmdAccountList(const GlobalOptions& g);
+void CmdRun(const GlobalOptions& g, const RunOptions& r);
+void CmdSend(const GlobalOptions& g, const SendOptions& s);
+void CmdSchedule(const GlobalOptions& g, const std::string& campaign, const std::string& date);
+void CmdQueueCount(const std::string& file);
+void CmdQueueShow(const std::string& file);
+void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key);
+void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std::string& file);
+void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client,
+                const std::string& subject);
+
+// What one campaign run produced.
+struct RunSummary {
+  std::string history_id;  // The run's dmmrktcmphistory key.
+  std::int32_t clients = 0;   // Enrolments the run considered.
+  std::int32_t messages = 0;  // Messages it produced.
+  std::string queue_path;     // Where they were queued (empty when not queued).
+};
+
+// Runs campaign `campaign_id` for `date` through dmCampaignProcessor, queueing
+// to `queue_path` when it is not empty.
+RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date date,
+                       const std::string& queue_path, bool show_progress);
+
+// One record of a queue file.
+struct QueuedMessage {
+  std::string email, message_file, account, item_id, campaign_name, campaign_id, history_id,
+      campaign_type, send_date;
+};
+
+// Every message of the queue file at `file`, in order.
+std::vector<QueuedMessage> ReadQueue(const std::string& file);
+
+// Splits one CSV line (RFC 4180 quoting) into fields.
+std::vector<std::string> SplitCsvLine(const std::string& line);
+
+}  // namespace quillo::cli
+
+#endif  // QUILLO_CLI_COMMANDS_H_

@@ -1,0 +1,212 @@
+// quillo: the command that runs drip campaigns end to end on the library's
+// public classes: create a database, keep campaigns, clients, enrolments and
+// accounts, run a campaign for a date, and send what it queued.
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
+
+#include "commands.h"
+
+namespace {
+
+using namespace quillo::cli;
+
+// Runs one subcommand, turning failures into one-line messages.
+int Guard(const std::function<void()>& body) {
+  try {
+    body();
+    return 0;
+  } catch (const CommandError& e) {
+    std::fprintf(stderr, "quillo: error: %s\n", e.what());
+  } catch (const quillo::RuntimeError& e) {
+    std::fprintf(stderr, "quillo: error %ld: %s\n", e.number, e.description.c_str());
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "quillo: error: %s\n", e.what());
+  }
+  return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"quillo: timed, sequential (drip) e-mail campaigns"};
+  app.require_subcommand(1);
+  GlobalOptions g;
+  app.add_option("--db", g.db, "Database: sqlite:PATH, sqlite::memory: or a PostgreSQL URI")
+      ->capture_default_str();
+  app.add_flag("-v,--verbose", g.verbose, "Log each step");
+
+  std::function<void()> action;
+
+  auto* init = app.add_subcommand("init", "Create the quillo tables in a database");
+  init->callback([&] { action = [&] { CmdInit(g); }; });
+
+  // campaign
+  auto* campaign = app.add_subcommand("campaign", "Add and list campaigns and their items");
+  campaign->require_subcommand(1);
+  CampaignAdd ca;
+  auto* c_add = campaign->add_subcommand("add", "Add a campaign");
+  c_add->add_option("--name", ca.name, "Campaign name")->required();
+  c_add->add_option("--type", ca.type,
+                    "Kind and schedule code: 1 sequential offset, 2 incremental, other: list");
+  c_add->add_option("--interval", ca.interval, "Day of month (203) or days between runs (406)");
+  c_add->add_option("--effective", ca.effective, "Start of the every-N-days cycle, YYYY-MM-DD");
+  c_add->add_option("--description", ca.description, "Free description");
+  c_add->callback([&] { action = [&] { CmdCampaignAdd(g, ca); }; });
+  campaign->add_subcommand("list", "List campaigns")->callback([&] {
+    action = [&] { CmdCampaignList(g); };
+  });
+  ItemAdd ia;
+  auto* i_add = campaign->add_subcommand("item", "Add a message (template) to a campaign");
+  i_add->add_option("--campaign", ia.campaign, "Campaign name or id")->required();
+  i_add->add_option("--file", ia.file, "Template file")->required();
+  i_add->add_option("--interval", ia.interval, "Days after enrolment; also the items' order");
+  i_add->add_option("--description", ia.description, "Description (used as the subject)");
+  i_add->callback([&] { action = [&] { CmdItemAdd(g, ia); }; });
+  std::string items_campaign;
+  auto* i_list = campaign->add_subcommand("items", "List a campaign's items");
+  i_list->add_option("--campaign", items_campaign, "Campaign name or id")->required();
+  i_list->callback([&] { action = [&] { CmdItemList(g, items_campaign); }; });
+
+  // client
+  auto* client = app.add_subcommand("client", "Add, list and import clients");
+  client->require_subcommand(1);
+  ClientAdd cl;
+  auto* cl_add = client->add_subcommand("add", "Add a client");
+  cl_add->add_option("--email", cl.email, "E-mail address")->required();
+  cl_add->add_option("--first", cl.first);
+  cl_add->add_option("--last", cl.last);
+  cl_add->add_option("--middle", cl.middle);
+  cl_add->add_option("--company", cl.company);
+  cl_add->add_option("--address", cl.address);
+  cl_add->add_option("--po", cl.po, "Second address line");
+  cl_add->add_option("--city", cl.city);
+  cl_add->add_option("--state", cl.state);
+  cl_add->add_option("--zip", cl.zip);
+  cl_add->add_option("--country", cl.country);
+  cl_add->callback([&] { action = [&] { CmdClientAdd(g, cl); }; });
+  client->add_subcommand("list", "List clients")->callback([&] {
+    action = [&] { CmdClientList(g); };
+  });
+  std::string client_csv;
+  auto* cl_import = client->add_subcommand(
+      "import", "Import clients from CSV (header: email,first,last,company,address,city,...)");
+  cl_import->add_option("file", client_csv, "CSV file")->required();
+  cl_import->callback([&] { action = [&] { CmdClientImport(g, client_csv); }; });
+
+  // enrol
+  auto* enrol = app.add_subcommand("enrol", "Enrol clients in a campaign");
+  EnrolAdd ea;
+  std::string enrol_list_campaign, enrol_csv;
+  auto* e_add = enrol->add_subcommand("add", "Enrol one client");
+  e_add->add_option("--campaign", ea.campaign, "Campaign name or id")->required();
+  e_add->add_option("--client", ea.client, "Client account or e-mail")->required();
+  e_add->add_option("--date", ea.date, "Enrolment date YYYY-MM-DD (default today)");
+  e_add->callback([&] { action = [&] { CmdEnrolAdd(g, ea); }; });
+  auto* e_list = enrol->add_subcommand("list", "List a campaign's enrolments");
+  e_list->add_option("--campaign", enrol_list_campaign, "Campaign name or id")->required();
+  e_list->callback([&] { action = [&] { CmdEnrolList(g, enrol_list_campaign); }; });
+  auto* e_import = enrol->add_subcommand("import", "Enrol clients from CSV (email,date)");
+  e_import->add_option("--campaign", enrol_list_campaign, "Campaign name or id")->required();
+  e_import->add_option("file", enrol_csv, "CSV file")->required();
+  e_import->callback([&] { action = [&] { CmdEnrolImport(g, enrol_list_campaign, enrol_csv); }; });
+  enrol->require_subcommand(1);
+
+  // account
+  auto* account = app.add_subcommand("account", "Add and list SMTP accounts");
+  account->require_subcommand(1);
+  AccountAdd aa;
+  auto* a_add = account->add_subcommand("add", "Add an SMTP account");
+  a_add->add_option("--email", aa.email, "Sender address")->required();
+  a_add->add_option("--server", aa.server, "Mail server host")->required();
+  a_add->add_option("--port", aa.port, "Port")->capture_default_str();
+  a_add->add_option("--user", aa.name, "AUTH LOGIN user name");
+  a_add->add_option("--password-env", aa.password_env,
+                    "Name of the environment variable that holds the password");
+  a_add->add_option("--friendly", aa.friendly, "Display name");
+  a_add->add_option("--domain", aa.domain);
+  a_add->add_flag("--auth", aa.auth, "Use AUTH LOGIN");
+  a_add->add_flag("--default", aa.make_default, "Send from this account by default");
+  a_add->callback([&] { action = [&] { CmdAccountAdd(g, aa); }; });
+  account->add_subcommand("list", "List SMTP accounts")->callback([&] {
+    action = [&] { CmdAccountList(g); };
+  });
+
+  // run
+  RunOptions ro;
+  auto* run = app.add_subcommand("run", "Process a campaign for a date");
+  run->add_option("--campaign", ro.campaign, "Campaign name or id")->required();
+  run->add_option("--date", ro.date, "Run date YYYY-MM-DD (default today)");
+  run->add_option("--queue", ro.queue, "Queue file to write the messages to");
+  run->add_flag("-q,--quiet", ro.quiet, "No progress bar");
+  run->callback([&] { action = [&] { CmdRun(g, ro); }; });
+
+  // send
+  SendOptions so;
+  auto* send = app.add_subcommand("send", "Send queued messages (or run a campaign and send)");
+  send->add_option("--queue", so.queue, "Queue file to send");
+  send->add_option("--campaign", so.campaign, "Run this campaign first (with --date)");
+  send->add_option("--date", so.date, "Run date YYYY-MM-DD for --campaign (default today)");
+  send->add_option("--smtp", so.smtp,
+                   "smtp://[user@]host[:port] or smtps://... (password from QUILLO_SMTP_PASSWORD "
+                   "or a prompt)");
+  send->add_option("--account", so.account, "Send from this SMTP account (its e-mail)");
+  send->add_option("--templates", so.templates, "Folder for relative template names");
+  send->add_option("--ca-file", so.ca_file, "Trust this CA certificate for smtps");
+  send->add_option("--timeout", so.timeout, "Seconds to wait for each reply")->capture_default_str();
+  send->add_flag("-q,--quiet", so.quiet, "No progress bar");
+  send->callback([&] { action = [&] { CmdSend(g, so); }; });
+
+  // schedule
+  std::string sched_campaign, sched_date;
+  auto* schedule = app.add_subcommand("schedule", "Show a campaign's next and previous run dates");
+  schedule->add_option("--campaign", sched_campaign, "Campaign name or id")->required();
+  schedule->add_option("--date", sched_date, "Reference date YYYY-MM-DD (default today)");
+  schedule->callback([&] { action = [&] { CmdSchedule(g, sched_campaign, sched_date); }; });
+
+  // queue
+  auto* queue = app.add_subcommand("queue", "Look into a queue file");
+  queue->require_subcommand(1);
+  std::string queue_file;
+  auto* q_count = queue->add_subcommand("count", "Number of queued messages");
+  q_count->add_option("file", queue_file, "Queue file")->required();
+  q_count->callback([&] { action = [&] { CmdQueueCount(queue_file); }; });
+  auto* q_show = queue->add_subcommand("show", "List queued messages");
+  q_show->add_option("file", queue_file, "Queue file")->required();
+  q_show->callback([&] { action = [&] { CmdQueueShow(queue_file); }; });
+
+  // record
+  auto* record = app.add_subcommand("record", "Export and import single rows as XML");
+  record->require_subcommand(1);
+  std::string table, key, xml_file;
+  auto* r_export = record->add_subcommand("export", "Print a row as XML");
+  r_export->add_option("table", table, "Table (dmclients, dmmrktcmp, ...)")->required();
+  r_export->add_option("key", key, "Key (RecID, or Account for dmclients)")->required();
+  r_export->callback([&] { action = [&] { CmdRecordExport(g, table, key); }; });
+  auto* r_import = record->add_subcommand("import", "Save a row from an XML file");
+  r_import->add_option("table", table, "Table")->required();
+  r_import->add_option("file", xml_file, "XML file")->required();
+  r_import->callback([&] { action = [&] { CmdRecordImport(g, table, xml_file); }; });
+
+  // preview
+  std::string templ, preview_client, subject;
+  auto* preview = app.add_subcommand("preview", "Show the raw message a template gives a client");
+  preview->add_option("--template", templ, "Template file")->required();
+  preview->add_option("--client", preview_client, "Client account or e-mail")->required();
+  preview->add_option("--subject", subject, "Subject");
+  preview->callback([&] { action = [&] { CmdPreview(g, templ, preview_client, subject); }; });
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+  auto logger = spdlog::stderr_color_mt("quillo");
+  spdlog::set_default_logger(logger);
+  spdlog::set_level(g.verbose ? spdlog::level::debug : spdlog::level::warn);
+  spdlog::debug("database {}", g.db);
+  return Guard(action);
+}

@@ -1,0 +1,364 @@
+// quillo init / campaign / client / enrol / account / record: keeping the
+// tables through the record classes, so a user never writes SQL by hand.
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <regex>
+
+#include "commands.h"
+#include "platform/format.h"
+
+namespace quillo::cli {
+
+Date ParseDateOption(const std::string& text) {
+  static const std::regex kIso(R"((\d{4})-(\d{2})-(\d{2}))");
+  std::smatch m;
+  if (!std::regex_match(text, m, kIso)) {
+    throw CommandError("bad date '" + text + "': expected YYYY-MM-DD");
+  }
+  int y = std::stoi(m[1]), mo = std::stoi(m[2]), d = std::stoi(m[3]);
+  if (y < 100 || mo < 1 || mo > 12 || d < 1 || d > 31) {
+    throw CommandError("bad date '" + text + "': no such day");
+  }
+  Date date = DateSerial(y, mo, d);
+  if (Year(date) != y || Month(date) != mo || Day(date) != d) {
+    throw CommandError("bad date '" + text + "': no such day");
+  }
+  return date;
+}
+
+std::string DateText(Date d) {
+  if (d.value == 0) return "-";
+  return FormatDate(d, "yyyy-mm-dd");
+}
+
+namespace {
+
+Date DateOrToday(const std::string& text) { return text.empty() ? Today() : ParseDateOption(text); }
+
+void PrintTable(const std::vector<std::string>& header,
+                const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> width(header.size());
+  for (size_t i = 0; i < header.size(); ++i) width[i] = header[i].size();
+  for (const auto& row : rows) {
+    for (size_t i = 0; i < row.size() && i < width.size(); ++i) {
+      width[i] = std::max(width[i], row[i].size());
+    }
+  }
+  auto print_row = [&](const std::vector<std::string>& row) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) line += std::string(width[i] - row[i].size() + 2, ' ');
+    }
+    std::printf("%s\n", RTrim(line).c_str());
+  };
+  print_row(header);
+  for (const auto& row : rows) print_row(row);
+  if (rows.empty()) std::printf("(none)\n");
+}
+
+std::string ReadPassword(const std::string& env_name) {
+  if (env_name.empty()) return {};
+  const char* value = std::getenv(env_name.c_str());
+  if (value == nullptr) {
+    throw CommandError("environment variable " + env_name + " is not set");
+  }
+  return value;
+}
+
+// Reads a CSV file with a header row; returns rows as name -> value maps
+// keyed by the lower-case header.
+std::vector<std::map<std::string, std::string>> ReadCsv(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw CommandError("cannot read '" + path + "'");
+  std::string line;
+  std::vector<std::string> header;
+  std::vector<std::map<std::string, std::string>> rows;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (Trim(line).empty()) continue;
+    std::vector<std::string> fields = SplitCsvLine(line);
+    if (header.empty()) {
+      for (auto& f : fields) header.push_back(LCase(Trim(f)));
+      continue;
+    }
+    std::map<std::string, std::string> row;
+    for (size_t i = 0; i < header.size() && i < fields.size(); ++i) row[header[i]] = fields[i];
+    rows.push_back(std::move(row));
+  }
+  if (header.empty()) throw CommandError("'" + path + "' has no header row");
+  return rows;
+}
+
+}  // namespace
+
+std::vector<std::string> SplitCsvLine(const std::string& line) {
+  std::vector<std::string> fields(1);
+  bool quoted = false;
+  for (size_t i = 0; i < line.size(); ++i) {
+    char c = line[i];
+    if (quoted) {
+      if (c == '"' && i + 1 < line.size() && line[i + 1] == '"') {
+        fields.back() += '"';
+        ++i;
+      } else if (c == '"') {
+        quoted = false;
+      } else {
+        fields.back() += c;
+      }
+    } else if (c == '"') {
+      quoted = true;
+    } else if (c == ',') {
+      fields.emplace_back();
+    } else {
+      fields.back() += c;
+    }
+  }
+  return fields;
+}
+
+void CmdInit(const GlobalOptions& g) {
+  Store store(g.db, /*allow_empty=*/true);
+  store.CreateSchema();
+  std::printf("initialised %s\n", g.db.c_str());
+}
+
+void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a) {
+  Store store(g.db);
+  if (Trim(a.name).empty()) throw CommandError("a campaign needs a --name");
+  Variant existing = store.Scalar(
+      "SELECT RecID FROM dmmrktcmp WHERE CampaignName = '" + SqlQuote(a.name) + "';", "RecID");
+  if (!existing.IsEmpty()) throw CommandError("a campaign named '" + a.name + "' exists already");
+  Dispatch c = store.NewRecord("dmmrktcmp");
+  c.Put("CampaignName", a.name);
+  c.Put("CampaignDescription", a.description);
+  c.Put("CampaignType", a.type);
+  c.Put("Interval", a.interval);
+  c.Put("CampaignEffectiveDate", DateOrToday(a.effective));
+  Store::Save(c, "the campaign");
+  std::printf("%s\n", c.Text("RecID").c_str());
+}
+
+void CmdCampaignList(const GlobalOptions& g) {
+  Store store(g.db);
+  std::vector<std::vector<std::string>> rows;
+  store.Query("SELECT * FROM dmmrktcmp ORDER BY CampaignName;", [&](const Row& r) {
+    rows.push_back({r.Text("RecID"), r.Text("CampaignName"), r.Text("CampaignType"),
+                    r.Text("Interval"), DateText(r.Value("CampaignEffectiveDate").ToDate()),
+                    r.Text("CampaignDescription")});
+  });
+  PrintTable({"ID", "NAME", "TYPE", "INTERVAL", "EFFECTIVE", "DESCRIPTION"}, rows);
+}
+
+void CmdItemAdd(const GlobalOptions& g, const ItemAdd& a) {
+  Store store(g.db);
+  std::string campaign = store.FindCampaign(a.campaign);
+  Dispatch item = store.NewRecord("dmmrktcmpitems");
+  item.Put("CampaignRecID", campaign);
+  item.Put("MessageFileName", a.file);
+  item.Put("Interval", a.interval);
+  item.Put("Description", a.description);
+  Store::Save(item, "the campaign item");
+  std::printf("%s\n", item.Text("RecID").c_str());
+}
+
+void CmdItemList(const GlobalOptions& g, const std::string& campaign_name) {
+  Store store(g.db);
+  std::string campaign = store.FindCampaign(campaign_name);
+  std::vector<std::vector<std::string>> rows;
+  store.Query("SELECT * FROM dmmrktcmpitems WHERE CampaignRecID = '" + SqlQuote(campaign) +
+                  "' ORDER BY Interval;",
+              [&](const Row& r) {
+                rows.push_back({r.Text("RecID"), r.Text("Interval"), r.Text("MessageFileName"),
+                                r.Text("Description")});
+              });
+  PrintTable({"ID", "INTERVAL", "TEMPLATE", "DESCRIPTION"}, rows);
+}
+
+namespace {
+
+void FillClient(const Dispatch& c, const std::map<std::string, std::string>& fields) {
+  // Property names by lower-case CSV heading.
+  static const std::map<std::string, std::string> kProperty = {
+      {"email", "Email"},     {"first", "First"},     {"last", "Last"},
+      {"middle", "Middle"},   {"company", "Company"}, {"address", "Address"},
+      {"po", "PO"},           {"city", "city"},       {"state", "state"},
+      {"zip", "zip"},         {"country", "Country"}, {"title", "Title"},
+      {"workphone", "WorkPhone"}, {"homephone", "HomePhone"}, {"cellphone", "CellPhone"},
+      {"notes", "Notes"}};
+  for (const auto& [heading, value] : fields) {
+    auto it = kProperty.find(heading);
+    if (it != kProperty.end()) c.Put(it->second, value);
+  }
+}
+
+std::string AddClient(const Store& store, const std::map<std::string, std::string>& fields) {
+  auto email = fields.find("email");
+  if (email == fields.end() || Trim(email->second).empty()) {
+    throw CommandError("a client needs an e-mail address");
+  }
+  Variant existing = store.Scalar(
+      "SELECT Account FROM dmclients WHERE EMail = '" + SqlQuote(email->second) + "';", "Account");
+  if (!existing.IsEmpty()) {
+    throw CommandError("a client with e-mail '" + email->second + "' exists already");
+  }
+  Dispatch c = store.NewRecord("dmclients");
+  FillClient(c, fields);
+  c.Put("RecordAddedDate", Now());
+  c.Put("RecordAddedBy", "quillo");
+  Store::Save(c, "the client");
+  return c.Text("Account");
+}
+
+}  // namespace
+
+void CmdClientAdd(const GlobalOptions& g, const ClientAdd& a) {
+  Store store(g.db);
+  std::string account = AddClient(
+      store, {{"email", a.email}, {"first", a.first}, {"last", a.last}, {"middle", a.middle},
+              {"company", a.company}, {"address", a.address}, {"po", a.po}, {"city", a.city},
+              {"state", a.state}, {"zip", a.zip}, {"country", a.country}});
+  std::printf("%s\n", account.c_str());
+}
+
+void CmdClientList(const GlobalOptions& g) {
+  Store store(g.db);
+  std::vector<std::vector<std::string>> rows;
+  store.Query("SELECT * FROM dmclients ORDER BY EMail;", [&](const Row& r) {
+    rows.push_back({r.Text("Account"), r.Text("EMail"), Trim(r.Text("First") + " " + r.Text("Last")),
+                    r.Text("Company")});
+  });
+  PrintTable({"ACCOUNT", "EMAIL", "NAME", "COMPANY"}, rows);
+}
+
+void CmdClientImport(const GlobalOptions& g, const std::string& csv_file) {
+  Store store(g.db);
+  auto rows = ReadCsv(csv_file);
+  int added = 0, line = 1;
+  for (const auto& row : rows) {
+    ++line;
+    try {
+      AddClient(store, row);
+      ++added;
+    } catch (const CommandError& e) {
+      std::fprintf(stderr, "quillo: %s row %d skipped: %s\n", csv_file.c_str(), line, e.what());
+    }
+  }
+  std::printf("imported %d of %zu clients\n", added, rows.size());
+}
+
+namespace {
+
+void Enrol(const Store& store, const std::string& campaign, const std::string& client, Date date) {
+  Variant existing = store.Scalar("SELECT RecID FROM dmclientsmrktcmp WHERE CampaignRecID = '" +
+                                      SqlQuote(campaign) + "' AND Account = '" +
+                                      SqlQuote(client) + "';",
+                                  "RecID");
+  if (!existing.IsEmpty()) throw CommandError("client is enrolled already");
+  Dispatch e = store.NewRecord("dmclientsmrktcmp");
+  e.Put("Account", client);
+  e.Put("CampaignRecID", campaign);
+  e.Put("EffectiveDate", date);
+  Store::Save(e, "the enrolment");
+}
+
+}  // namespace
+
+void CmdEnrolAdd(const GlobalOptions& g, const EnrolAdd& a) {
+  Store store(g.db);
+  Enrol(store, store.FindCampaign(a.campaign), store.FindClient(a.client), DateOrToday(a.date));
+  std::printf("enrolled %s from %s\n", a.client.c_str(), DateText(DateOrToday(a.date)).c_str());
+}
+
+void CmdEnrolList(const GlobalOptions& g, const std::string& campaign_name) {
+  Store store(g.db);
+  std::string campaign = store.FindCampaign(campaign_name);
+  std::vector<std::vector<std::string>> rows;
+  store.Query(
+      "SELECT dmclientsmrktcmp.*, dmclients.email FROM dmclientsmrktcmp INNER JOIN dmclients ON "
+      "dmclientsmrktcmp.Account = dmclients.account WHERE dmclientsmrktcmp.CampaignRecID = '" +
+          SqlQuote(campaign) + "' ORDER BY dmclients.email;",
+      [&](const Row& r) {
+        rows.push_back({r.Text("Account"), r.Text("Email"),
+                        DateText(r.Value("EffectiveDate").ToDate())});
+      });
+  PrintTable({"ACCOUNT", "EMAIL", "SINCE"}, rows);
+}
+
+void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign_name,
+                    const std::string& csv) {
+  Store store(g.db);
+  std::string campaign = store.FindCampaign(campaign_name);
+  auto rows = ReadCsv(csv);
+  int added = 0, line = 1;
+  for (const auto& row : rows) {
+    ++line;
+    try {
+      auto who = row.count("email") ? row.at("email") : row.count("account") ? row.at("account")
+                                                                             : std::string();
+      auto date = row.count("date") ? row.at("date") : std::string();
+      Enrol(store, campaign, store.FindClient(who), DateOrToday(date));
+      ++added;
+    } catch (const CommandError& e) {
+      std::fprintf(stderr, "quillo: %s row %d skipped: %s\n", csv.c_str(), line, e.what());
+    }
+  }
+  std::printf("enrolled %d of %zu clients\n", added, rows.size());
+}
+
+void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a) {
+  Store store(g.db);
+  if (Trim(a.email).empty() || Trim(a.server).empty()) {
+    throw CommandError("an account needs --email and --server");
+  }
+  Dispatch acct = store.NewRecord("dmsmtpaccounts");
+  acct.Put("Email", a.email);
+  acct.Put("MailServer", a.server);
+  acct.Put("Port", a.port);
+  acct.Put("AccountName", a.name);
+  acct.Put("AccountPassword", ReadPassword(a.password_env));
+  acct.Put("EmailFriendly", a.friendly);
+  acct.Put("Domain", a.domain);
+  acct.Put("UseAuthentication", std::int32_t{a.auth ? 1 : 0});
+  acct.Put("Default", std::int32_t{a.make_default ? 1 : 0});
+  Store::Save(acct, "the account");
+  std::printf("%s\n", acct.Text("RecID").c_str());
+}
+
+void CmdAccountList(const GlobalOptions& g) {
+  Store store(g.db);
+  std::vector<std::vector<std::string>> rows;
+  store.Query("SELECT * FROM dmsmtpaccounts ORDER BY Email;", [&](const Row& r) {
+    rows.push_back({r.Text("RecID"), r.Text("Email"), r.Text("MailServer") + ":" + r.Text("Port"),
+                    r.Text("AccountName"), r.Value("UseAuthentication").ToLong() ? "yes" : "no",
+                    r.Value("Default").ToLong() ? "yes" : ""});
+  });
+  PrintTable({"ID", "EMAIL", "SERVER", "USER", "AUTH", "DEFAULT"}, rows);
+}
+
+void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key) {
+  Store store(g.db);
+  Dispatch record = store.LoadRecord(table, key);
+  std::string xml = record.Text("XML");
+  if (record.Get("Error").ToBool()) throw CommandError(record.Text("ErrorMessage"));
+  std::printf("%s%s", xml.c_str(), (!xml.empty() && xml.back() == '\n') ? "" : "\n");
+}
+
+void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std::string& file) {
+  Store store(g.db);
+  std::string xml;
+  try {
+    xml = ReadFileBytes(file);
+  } catch (const RuntimeError& e) {
+    throw CommandError("cannot read '" + file + "': " + e.description);
+  }
+  Dispatch record = store.NewRecord(table);
+  record.Put("XML", xml);
+  if (record.Get("Error").ToBool()) throw CommandError(record.Text("ErrorMessage"));
+  Store::Save(record, table);
+  std::printf("%s\n", record.Text(KeyColumn(table)).c_str());
+}
+
+}  // namespace quillo::cli

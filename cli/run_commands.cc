@@ -1,0 +1,156 @@
+// quillo run / schedule / queue: processing a campaign for a date, showing
+// its schedule, and looking into queue files.
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "commands.h"
+#include "progress.h"
+#include "campaign/constants.h"
+
+namespace quillo::cli {
+
+namespace {
+
+std::string AbsolutePath(const std::string& path) {
+  return std::filesystem::absolute(NativePath(path)).lexically_normal().string();
+}
+
+}  // namespace
+
+RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date date,
+                       const std::string& queue_path, bool show_progress) {
+  Dispatch processor = Dispatch::Create("dmCampaignProcessor");
+  processor.Put("Connection", store.connection_object());
+  processor.Put("IDGenerator", CreateObject("idgen"));
+  processor.Put("CampaignRecID", campaign_id);
+  processor.Put("CurrentDate", date);
+
+  Dispatch queue;
+  if (!queue_path.empty()) {
+    queue = Dispatch::Create("dmmsgqueue");
+    queue.Put("MessageQueueFileName", AbsolutePath(queue_path));
+    if (!queue.Call("OpenQueueWrite").ToBool()) {
+      throw CommandError("cannot write queue file '" + queue_path + "'");
+    }
+    processor.Put("UseMessageQueue", true);
+    processor.Put("MessageQueue", queue.object());
+  }
+
+  Progress progress(show_progress);
+  processor.object()->Advise("StatusChange", [&](std::vector<Variant>& args) {
+    progress.Update(args.at(1).ToLong(), args.at(2).ToLong(), args.at(0).ToString());
+  });
+
+  RunSummary summary;
+  try {
+    processor.Call("LoadData");
+    processor.Call("Process");
+  } catch (...) {
+    progress.Finish();
+    if (queue) queue.Call("CloseQueue");
+    throw;
+  }
+  progress.Finish();
+  if (queue) queue.Call("CloseQueue");
+
+  summary.history_id = processor.GetObject("History").Text("RecID");
+  summary.messages = processor.GetObject("Messages").Get("Count").ToLong();
+  summary.clients =
+      store
+          .Scalar("SELECT COUNT(*) AS n FROM dmclientsmrktcmp INNER JOIN dmclients ON "
+                  "dmclientsmrktcmp.Account = dmclients.account WHERE "
+                  "dmclientsmrktcmp.CampaignRecID = '" +
+                      SqlQuote(campaign_id) + "' AND dmclientsmrktcmp.EffectiveDate <= " +
+                      "{d '" + FormatDate(date, "yyyy-mm-dd") + "'};",
+                  "n")
+          .ToLong();
+  summary.queue_path = queue ? queue.Text("MessageQueueFileName") : std::string();
+  return summary;
+}
+
+void CmdRun(const GlobalOptions& g, const RunOptions& r) {
+  Store store(g.db);
+  std::string campaign = store.FindCampaign(r.campaign);
+  Date date = r.date.empty() ? Today() : ParseDateOption(r.date);
+  RunSummary s = RunCampaign(store, campaign, date, r.queue, !r.quiet && isatty(STDOUT_FILENO));
+  std::printf("run %s for %s: %d clients, %d messages", s.history_id.c_str(),
+              FormatDate(date, "yyyy-mm-dd").c_str(), s.clients, s.messages);
+  if (!s.queue_path.empty()) std::printf(", queued in %s", s.queue_path.c_str());
+  std::printf("\n");
+}
+
+void CmdSchedule(const GlobalOptions& g, const std::string& campaign_name,
+                 const std::string& date_text) {
+  Store store(g.db);
+  Dispatch campaign = store.LoadRecord("dmmrktcmp", store.FindCampaign(campaign_name));
+  Date date = date_text.empty() ? Today() : ParseDateOption(date_text);
+  std::int32_t code = campaign.Get("CampaignType").ToLong();
+  Dispatch calc = Dispatch::Create("dmdatecomputation");
+  calc.Put("Campaign", campaign.object());
+  calc.Put("ReferenceDate", date);
+  std::string description = ScheduleCodeDescription(code);
+  std::printf("campaign:  %s\n", campaign.Text("CampaignName").c_str());
+  std::printf("code:      %d%s%s\n", code, description.empty() ? "" : "  ", description.c_str());
+  std::printf("reference: %s\n", FormatDate(date, "yyyy-mm-dd").c_str());
+  auto show = [&](const char* label, const char* member) {
+    try {
+      std::printf("%s%s\n", label, DateText(calc.Call(member).ToDate()).c_str());
+    } catch (const RuntimeError& e) {
+      std::printf("%s(error %ld: %s)\n", label, e.number, e.description.c_str());
+    }
+  };
+  show("next:      ", "getNextRunDate");
+  show("previous:  ", "getPreviousRunDate");
+}
+
+namespace {
+
+Dispatch OpenQueueForReading(const std::string& file) {
+  Dispatch queue = Dispatch::Create("dmmsgqueue");
+  queue.Put("MessageQueueFileName", AbsolutePath(file));
+  if (!queue.Call("OpenQueueRead").ToBool()) {
+    throw CommandError("cannot read queue file '" + file + "'");
+  }
+  return queue;
+}
+
+}  // namespace
+
+std::vector<QueuedMessage> ReadQueue(const std::string& file) {
+  Dispatch queue = OpenQueueForReading(file);
+  std::vector<QueuedMessage> messages;
+  while (true) {
+    Dispatch m(queue.Call("ReadMessage").ToObject());
+    if (!m) break;
+    messages.push_back(QueuedMessage{m.Text("Email"), m.Text("MessageFileName"), m.Text("Account"),
+                                     m.Text("CampaignItemRecID"), m.Text("CampaignName"),
+                                     m.Text("CampaignRecID"), m.Text("HistoryRecID"),
+                                     m.Text("CampaignType"), m.Text("SendDate")});
+  }
+  queue.Call("CloseQueue");
+  return messages;
+}
+
+void CmdQueueCount(const std::string& file) {
+  if (!FileExists(file)) throw CommandError("no queue file '" + file + "'");
+  Dispatch queue = Dispatch::Create("dmmsgqueue");
+  queue.Put("MessageQueueFileName", AbsolutePath(file));
+  std::printf("%d\n", queue.Call("Count").ToLong());
+}
+
+void CmdQueueShow(const std::string& file) {
+  if (!FileExists(file)) throw CommandError("no queue file '" + file + "'");
+  auto messages = ReadQueue(file);
+  int n = 0;
+  for (const auto& m : messages) {
+    std::printf("%d. %s  %s  %s  (campaign %s, item %s, run %s, account %s)\n", ++n,
+                m.send_date.c_str(), m.email.c_str(), m.message_file.c_str(),
+                m.campaign_name.c_str(), m.item_id.c_str(), m.history_id.c_str(),
+                m.account.c_str());
+  }
+  std::printf("%d messages\n", n);
+}
+
+}  // namespace quillo::cli

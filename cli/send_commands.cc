@@ -1,0 +1,344 @@
+// quillo send / preview: composing queued messages from their templates,
+// personalising them for their clients, and delivering them through the
+// library's SMTP client.
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+
+#include "commands.h"
+#include "platform/event_loop.h"
+#include "platform/socket.h"
+#include "platform/tcp_socket.h"
+#include "platform/tls_socket.h"
+#include "progress.h"
+
+#include <spdlog/spdlog.h>
+
+namespace quillo::cli {
+
+namespace {
+
+// Where and how to send.
+struct SmtpSettings {
+  std::string server;
+  std::int32_t port = 25;
+  bool tls = false;
+  bool auth = false;
+  std::string user;
+  std::string password;
+  std::string sender;
+  std::string friendly;
+  std::string ca_file;
+  std::int32_t timeout = 60;
+};
+
+// How one delivery ended, read from the client's transcript.
+enum class Outcome { kAccepted, kRefused, kFailed };
+
+std::string PromptPassword(const std::string& what) {
+  if (const char* env = std::getenv("QUILLO_SMTP_PASSWORD")) return env;
+  if (!isatty(STDIN_FILENO)) {
+    throw CommandError("no password for " + what + ": set QUILLO_SMTP_PASSWORD");
+  }
+  std::fprintf(stderr, "password for %s: ", what.c_str());
+  termios old{};
+  tcgetattr(STDIN_FILENO, &old);
+  termios quiet = old;
+  quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+  std::string password;
+  int c;
+  while ((c = std::getchar()) != EOF && c != '\n') password += static_cast<char>(c);
+  tcsetattr(STDIN_FILENO, TCSANOW, &old);
+  std::fprintf(stderr, "\n");
+  return password;
+}
+
+// smtp://[user@]host[:port] or smtps://...
+SmtpSettings ParseSmtpUrl(const std::string& url) {
+  static const std::regex kUrl(R"((smtps?)://(?:([^@/]+)@)?([^:/]+)(?::(\d+))?/?)");
+  std::smatch m;
+  if (!std::regex_match(url, m, kUrl)) {
+    throw CommandError("bad --smtp '" + url + "': expected smtp://[user@]host[:port]");
+  }
+  SmtpSettings s;
+  s.tls = m[1] == "smtps";
+  s.server = m[3];
+  s.port = m[4].matched ? std::stoi(m[4]) : (s.tls ? 465 : 25);
+  if (m[2].matched) {
+    s.auth = true;
+    s.user = m[2];
+    s.password = PromptPassword(s.user + "@" + s.server);
+  }
+  return s;
+}
+
+// The settings of a dmsmtpaccounts row: the one with `email`, else the
+// default one, else the only one.
+SmtpSettings AccountSettings(const Store& store, const std::string& email) {
+  std::string where = email.empty() ? "" : " WHERE Email = '" + SqlQuote(email) + "'";
+  std::vector<SmtpSettings> found;
+  std::vector<bool> defaults;
+  store.Query("SELECT * FROM dmsmtpaccounts" + where + ";", [&](const Row& r) {
+    SmtpSettings s;
+    s.server = r.Text("MailServer");
+    s.port = r.Value("Port").ToLong();
+    if (s.port == 0) s.port = 25;
+    s.auth = r.Value("UseAuthentication").ToLong() != 0;
+    s.user = r.Text("AccountName");
+    s.password = r.Text("AccountPassword");
+    s.sender = r.Text("Email");
+    s.friendly = r.Text("EmailFriendly");
+    found.push_back(s);
+    defaults.push_back(r.Value("Default").ToLong() != 0);
+  });
+  if (!email.empty() && found.empty()) throw CommandError("no SMTP account '" + email + "'");
+  for (size_t i = 0; i < found.size(); ++i) {
+    if (defaults[i]) return found[i];
+  }
+  if (found.size() == 1) return found[0];
+  if (found.empty()) {
+    throw CommandError("no SMTP account: add one with `quillo account add` or pass --smtp");
+  }
+  throw CommandError("several SMTP accounts and none is the default: pass --account");
+}
+
+// A fresh client and socket for one message (a client that saw a transport
+// failure stays failed, and custom headers stay on a client between sends).
+Dispatch NewClient(const SmtpSettings& s) {
+  std::shared_ptr<SocketControl> socket;
+  if (s.tls) {
+    auto tls = std::make_shared<TlsSocketControl>();
+    if (!s.ca_file.empty()) tls->CAFile(s.ca_file);
+    socket = tls;
+  } else {
+    socket = std::make_shared<TcpSocketControl>();
+  }
+  Dispatch client = Dispatch::Create("ardESMTP");
+  client.Put("WS", ObjectPtr(socket));
+  ForwardEvents(socket, client.object());
+  client.Put("MailServer", s.server);
+  client.Put("Port", s.port);
+  client.Put("UseAuthentication", s.auth);
+  client.Put("AccountName", s.user);
+  client.Put("AccountPassword", s.password);
+  client.Put("Sender", s.sender);
+  client.Put("SenderFriendly", s.friendly);
+  client.Put("CommandTimeout", s.timeout);
+  client.Put("CommandDataTimeout", s.timeout);
+  return client;
+}
+
+// Reads the outcome from the transcript: the reply to RCPT TO and the reply
+// after the message data.
+Outcome ReadOutcome(const std::string& transcript, std::string* detail) {
+  std::vector<std::string> lines = Split(transcript, "\n");
+  std::string rcpt_reply, data_reply;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    auto next_reply = [&](size_t from) {
+      std::string last;
+      for (size_t j = from + 1; j < lines.size() && lines[j].rfind("C: ", 0) != 0; ++j) {
+        if (lines[j].rfind("S: ", 0) == 0) last = lines[j].substr(3);
+      }
+      return last;
+    };
+    if (lines[i].rfind("C: RCPT TO:", 0) == 0) rcpt_reply = next_reply(i);
+    if (lines[i].rfind("C: [message of", 0) == 0) data_reply = next_reply(i);
+  }
+  if (!rcpt_reply.empty() && (rcpt_reply[0] == '4' || rcpt_reply[0] == '5')) {
+    *detail = rcpt_reply;
+    return Outcome::kRefused;
+  }
+  if (!data_reply.empty() && data_reply[0] == '2') {
+    *detail = data_reply;
+    return Outcome::kAccepted;
+  }
+  if (!data_reply.empty() && (data_reply[0] == '4' || data_reply[0] == '5')) {
+    *detail = data_reply;
+    return Outcome::kRefused;
+  }
+  *detail = lines.empty() ? "no dialogue" : Trim(lines.back());
+  return Outcome::kFailed;
+}
+
+std::string ResolveTemplate(const std::string& name, const std::string& folder) {
+  std::filesystem::path p(NativePath(name));
+  if (p.is_absolute() || folder.empty()) return p.string();
+  return (std::filesystem::path(folder) / p).string();
+}
+
+bool AlreadySent(const Store& store, const QueuedMessage& m) {
+  return !store
+              .Scalar("SELECT RecID FROM dmsentitems WHERE CampaignRecID = '" +
+                          SqlQuote(m.campaign_id) + "' AND CampaignItemRecID = '" +
+                          SqlQuote(m.item_id) + "' AND Account = '" + SqlQuote(m.account) + "';",
+                      "RecID")
+              .IsEmpty();
+}
+
+std::string SubjectFor(const Store& store, const QueuedMessage& m) {
+  Variant d = store.Scalar(
+      "SELECT Description FROM dmmrktcmpitems WHERE RecID = '" + SqlQuote(m.item_id) + "';",
+      "Description");
+  std::string subject = d.IsEmpty() || d.IsNull() ? std::string() : d.ToString();
+  return Trim(subject).empty() ? m.campaign_name : subject;
+}
+
+// A socket that never connects: the client builds the message, then stops
+// at the connection, which is all a preview needs.
+class OfflineSocket : public SocketControl {
+ public:
+  void Connect(const std::string&, int32_t) override {
+    state_ = kError;
+    RaiseError(kErrConnectionRefused, "preview: not sent", SocketScode(kErrConnectionRefused),
+               "quillo preview");
+  }
+  int16_t State() const override { return state_; }
+  void SendData(std::string_view) override {}
+  void GetData(std::string& data, int32_t, int32_t) override { data.clear(); }
+  void Close() override { state_ = kClosed; }
+  long BytesReceived() const override { return 0; }
+  int PollDescriptor() const override { return -1; }
+  short PollInterest() const override { return 0; }
+  bool HasPendingEvent() const override { return false; }
+  void Dispatch(short) override {}
+
+ private:
+  int16_t state_ = kClosed;
+};
+
+}  // namespace
+
+void CmdSend(const GlobalOptions& g, const SendOptions& o) {
+  Store store(g.db);
+  std::string queue_file = o.queue;
+  if (!o.campaign.empty()) {
+    if (queue_file.empty()) queue_file = "~mqueue.txt";
+    Date date = o.date.empty() ? Today() : ParseDateOption(o.date);
+    RunSummary run = RunCampaign(store, store.FindCampaign(o.campaign), date, queue_file, false);
+    std::printf("run %s: %d clients, %d messages queued\n", run.history_id.c_str(), run.clients,
+                run.messages);
+  } else if (queue_file.empty()) {
+    throw CommandError("send needs --queue FILE or --campaign NAME");
+  }
+  if (!FileExists(queue_file)) throw CommandError("no queue file '" + queue_file + "'");
+
+  SmtpSettings settings =
+      o.smtp.empty() ? AccountSettings(store, o.account) : ParseSmtpUrl(o.smtp);
+  if (!o.smtp.empty()) {
+    SmtpSettings account;
+    try {
+      account = AccountSettings(store, o.account);
+    } catch (const CommandError&) {
+    }
+    settings.sender = account.sender.empty() ? "quillo@localhost" : account.sender;
+    settings.friendly = account.friendly;
+  }
+  settings.ca_file = o.ca_file;
+  settings.timeout = o.timeout;
+
+  std::vector<QueuedMessage> messages = ReadQueue(queue_file);
+  Progress progress(!o.quiet && isatty(STDOUT_FILENO));
+  int sent = 0, refused = 0, failed = 0, skipped = 0;
+  long done = 0;
+  for (const QueuedMessage& m : messages) {
+    progress.Update(++done, static_cast<long>(messages.size()), m.email);
+    if (AlreadySent(store, m)) {
+      ++skipped;
+      continue;
+    }
+    Dispatch client;
+    try {
+      client = store.LoadRecord("dmclients", m.account);
+    } catch (const CommandError& e) {
+      ++failed;
+      std::fprintf(stderr, "quillo: %s: %s\n", m.email.c_str(), e.what());
+      continue;
+    }
+    Dispatch smtp = NewClient(settings);
+    Dispatch message = Dispatch::Create("dmMessage");
+    message.Put("Connection", store.connection_object());
+    message.Put("esmtp", smtp.object());
+    message.Put("Client", client.object());
+    message.Put("Subject", SubjectFor(store, m));
+    message.Put("MessageFileName", ResolveTemplate(m.message_file, o.templates));
+    if (message.Get("Error").ToBool()) {
+      ++failed;
+      std::fprintf(stderr, "quillo: %s: cannot read template '%s'\n", m.email.c_str(),
+                   m.message_file.c_str());
+      continue;
+    }
+    try {
+      message.Call("Send");
+    } catch (const RuntimeError& e) {
+      ++failed;
+      std::fprintf(stderr, "quillo: %s: error %ld: %s\n", m.email.c_str(), e.number,
+                   e.description.c_str());
+      continue;
+    }
+    if (smtp.Get("rc").ToLong() == 999) {
+      progress.Finish();
+      throw CommandError("cannot reach SMTP server " + settings.server + ":" +
+                         std::to_string(settings.port) + ": " +
+                         smtp.Text("WinsockErrorDescription"));
+    }
+    std::string detail;
+    Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &detail);
+    spdlog::debug("{}: {}", m.email, detail);
+    if (outcome == Outcome::kAccepted) {
+      Dispatch log = store.NewRecord("dmsentitems");
+      log.Put("Account", m.account);
+      log.Put("CampaignItemRecID", m.item_id);
+      log.Put("CampaignRecID", m.campaign_id);
+      log.Put("HistoryRecID", m.history_id);
+      log.Put("SentDate", Now());
+      Store::Save(log, "the sent-item log");
+      ++sent;
+    } else if (outcome == Outcome::kRefused) {
+      ++refused;
+      std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), detail.c_str());
+    } else {
+      ++failed;
+      std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), detail.c_str());
+    }
+  }
+  progress.Finish();
+  std::printf("sent %d, refused %d, failed %d, already sent %d (of %zu queued)\n", sent, refused,
+              failed, skipped, messages.size());
+}
+
+void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client_key,
+                const std::string& subject) {
+  Store store(g.db);
+  Dispatch client = store.LoadRecord("dmclients", store.FindClient(client_key));
+  SmtpSettings account;
+  try {
+    account = AccountSettings(store, "");
+  } catch (const CommandError&) {
+    account.sender = "quillo@localhost";
+  }
+  auto socket = std::make_shared<OfflineSocket>();
+  Dispatch smtp = Dispatch::Create("ardESMTP");
+  smtp.Put("WS", ObjectPtr(socket));
+  ForwardEvents(socket, smtp.object());
+  smtp.Put("MailServer", account.server.empty() ? "localhost" : account.server);
+  smtp.Put("Sender", account.sender);
+  smtp.Put("SenderFriendly", account.friendly);
+  Dispatch message = Dispatch::Create("dmMessage");
+  message.Put("Connection", store.connection_object());
+  message.Put("esmtp", smtp.object());
+  message.Put("Client", client.object());
+  message.Put("Subject", subject);
+  message.Put("OverrideSendingAccount", false);
+  message.Put("MessageFileName", templ);
+  if (message.Get("Error").ToBool()) throw CommandError("cannot read template '" + templ + "'");
+  message.Call("Send");
+  std::string raw = smtp.Text("MessageBuffer");
+  std::fwrite(raw.data(), 1, raw.size(), stdout);
+}
+
+}  // namespace quillo::cli

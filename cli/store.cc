@@ -1,0 +1,131 @@
+#include "store.h"
+
+#include <memory>
+
+#include "platform/database.h"
+#include "platform/schema.h"
+
+namespace quillo::cli {
+
+std::string SqlQuote(std::string_view text) { return Replace(text, "'", "''"); }
+
+Variant Row::Value(std::string_view field) const {
+  return rs_.GetObject("Fields", {Variant(field)}).Get("Value");
+}
+
+std::string Row::Text(std::string_view field) const {
+  Variant v = Value(field);
+  return v.IsNull() ? std::string() : v.ToString();
+}
+
+std::string KeyColumn(std::string_view table) {
+  return EqualsIgnoreCase(table, "dmclients") ? "Account" : "RecID";
+}
+
+Store::Store(const std::string& connection_text, bool allow_empty) {
+  connection_ = Dispatch::Create("Connection");
+  try {
+    connection_.Call("Open", {connection_text});
+  } catch (const RuntimeError& e) {
+    throw CommandError("cannot open database '" + connection_text + "': " + e.description);
+  }
+  id_generator_ = Dispatch::Create("idgen");
+  if (!allow_empty) {
+    try {
+      Scalar("SELECT COUNT(*) AS n FROM dmmrktcmp;", "n");
+    } catch (const RuntimeError&) {
+      throw CommandError("database '" + connection_text +
+                         "' has no quillo tables: run `quillo init` first");
+    }
+  }
+}
+
+void Store::CreateSchema() {
+  auto connection = std::dynamic_pointer_cast<Connection>(connection_.object());
+  schema::Create(*connection);
+}
+
+void Store::Query(const std::string& sql, const std::function<void(const Row&)>& row) const {
+  Dispatch rs = Dispatch::Create("Recordset");
+  rs.Call("Open", {sql, connection_.object(), std::int32_t{0}, std::int32_t{1}, std::int32_t{1}});
+  Row current(rs);
+  while (!rs.Get("EOF").ToBool()) {
+    row(current);
+    rs.Call("MoveNext");
+  }
+  rs.Call("Close");
+}
+
+Variant Store::Scalar(const std::string& sql, std::string_view field) const {
+  Dispatch rs = Dispatch::Create("Recordset");
+  rs.Call("Open", {sql, connection_.object(), std::int32_t{0}, std::int32_t{1}, std::int32_t{1}});
+  Variant value;
+  if (!rs.Get("EOF").ToBool()) {
+    value = Row(rs).Value(field);
+  }
+  rs.Call("Close");
+  return value;
+}
+
+Dispatch Store::NewRecord(std::string_view table) const {
+  Dispatch record;
+  try {
+    record = Dispatch::Create(table);
+  } catch (const RuntimeError&) {
+    throw CommandError("unknown table '" + std::string(table) + "'");
+  }
+  record.Put("Connection", connection_.object());
+  record.Put("IDGenerator", id_generator_.object());
+  return record;
+}
+
+Dispatch Store::LoadRecord(std::string_view table, const std::string& key) const {
+  Dispatch record = NewRecord(table);
+  record.Put(KeyColumn(table), key);
+  record.Call("LoadData");
+  if (record.Get("Error").ToBool()) {
+    throw CommandError("cannot read " + std::string(table) + ": " + record.Text("ErrorMessage"));
+  }
+  std::string found = Trim(record.Text(KeyColumn(table)));
+  // LoadData leaves the record as it was when no row matches: look the key up.
+  Variant exists = Scalar("SELECT " + KeyColumn(table) + " FROM " + std::string(table) +
+                          " WHERE " + KeyColumn(table) + " = '" + SqlQuote(key) + "';",
+                          KeyColumn(table));
+  if (exists.IsEmpty() || found.empty()) {
+    throw CommandError("no " + std::string(table) + " row with key '" + key + "'");
+  }
+  return record;
+}
+
+std::string Store::FindCampaign(const std::string& name_or_id) const {
+  std::vector<std::string> ids;
+  Query("SELECT RecID FROM dmmrktcmp WHERE RecID = '" + SqlQuote(name_or_id) +
+            "' OR CampaignName = '" + SqlQuote(name_or_id) + "';",
+        [&](const Row& row) { ids.push_back(row.Text("RecID")); });
+  if (ids.empty()) throw CommandError("unknown campaign '" + name_or_id + "'");
+  if (ids.size() > 1) {
+    throw CommandError("campaign name '" + name_or_id + "' is ambiguous: use its id");
+  }
+  return ids.front();
+}
+
+std::string Store::FindClient(const std::string& account_or_email) const {
+  std::vector<std::string> ids;
+  Query("SELECT Account FROM dmclients WHERE Account = '" + SqlQuote(account_or_email) +
+            "' OR EMail = '" + SqlQuote(account_or_email) + "';",
+        [&](const Row& row) { ids.push_back(row.Text("Account")); });
+  if (ids.empty()) throw CommandError("unknown client '" + account_or_email + "'");
+  if (ids.size() > 1) {
+    throw CommandError("client '" + account_or_email + "' is ambiguous: use the account id");
+  }
+  return ids.front();
+}
+
+void Store::Save(const Dispatch& record, std::string_view what) {
+  bool ok = record.Call("SaveData").ToBool();
+  if (!ok || record.Get("Error").ToBool()) {
+    throw CommandError("cannot save " + std::string(what) + ": " + record.Text("ErrorMessage"));
+  }
+}
+
+}  // namespace quillo::cli
