@@ -48,9 +48,11 @@ TEST(SqlStatementText, InsertFillsNamesThenValues) {
   st.Sql("INSERT INTO dmcatalogitem (?) VALUES (?);");
   st.SetString("RecID", "2f0c");
   st.SetString("Category", "Newsletters");
-  EXPECT_EQ(st.Sql(), "INSERT INTO dmcatalogitem (RecID, Category) VALUES ('2f0c', 'Newsletters');");
+  EXPECT_EQ(st.Sql(),
+            "INSERT INTO dmcatalogitem (RecID, Category) VALUES ('2f0c', 'Newsletters');");
   // Reading the text does not change the field list.
-  EXPECT_EQ(st.Sql(), "INSERT INTO dmcatalogitem (RecID, Category) VALUES ('2f0c', 'Newsletters');");
+  EXPECT_EQ(st.Sql(),
+            "INSERT INTO dmcatalogitem (RecID, Category) VALUES ('2f0c', 'Newsletters');");
   EXPECT_EQ(st.FieldList().Count(), 2);
 }
 
@@ -238,7 +240,8 @@ TEST(SqlStatementByName, IsPrivateAndPublishesItsMembers) {
   st->Invoke("Sql", CallKind::kPut, {Variant("INSERT INTO t (?) VALUES (?)")});
   st->Invoke("SetString", CallKind::kMethod, {Variant("a"), Variant("O'Brien")});
   st->Invoke("SetLong", CallKind::kMethod, {Variant("b"), Variant(kNull)});
-  EXPECT_EQ(st->Invoke("Sql", CallKind::kGet), Variant("INSERT INTO t (a, b) VALUES ('O''Brien', 0)"));
+  EXPECT_EQ(st->Invoke("Sql", CallKind::kGet),
+            Variant("INSERT INTO t (a, b) VALUES ('O''Brien', 0)"));
   EXPECT_EQ(st->Invoke("ClassName", CallKind::kGet), Variant(""));
   ObjectPtr pair = testing::CreatePrivateObject("SQLFieldNameValues");
   pair->Invoke("FieldName", CallKind::kPut, {Variant("x")});
@@ -321,8 +324,8 @@ TEST_P(SqlStatementEngineTest, FailingExecuteSetsTheErrorStateAndKeepsTheFields)
   st_.Execute();
   ASSERT_TRUE(st_.Error());
   EXPECT_NE(st_.ErrorCode(), 0);
-  EXPECT_EQ(st_.ErrorMessage(), st_.LastSQLExecuted() + ".....(SysCode: " +
-                                    std::to_string(st_.ErrorCode()) + "). ");
+  EXPECT_EQ(st_.ErrorMessage(),
+            st_.LastSQLExecuted() + ".....(SysCode: " + std::to_string(st_.ErrorCode()) + "). ");
   EXPECT_EQ(st_.FieldList().Count(), 1);
   if (GetParam() == Engine::kPostgres) {
     EXPECT_EQ(st_.ErrorCode(), -23505);  // unique_violation
@@ -338,8 +341,8 @@ TEST_P(SqlStatementEngineTest, MalformedSqlIsReportedNotRaised) {
   st_.Sql("SELEC * FROM dmcatalogitem");
   st_.Execute();
   EXPECT_TRUE(st_.Error());
-  EXPECT_EQ(st_.ErrorMessage(), "SELEC * FROM dmcatalogitem.....(SysCode: " +
-                                    std::to_string(st_.ErrorCode()) + "). ");
+  EXPECT_EQ(st_.ErrorMessage(),
+            "SELEC * FROM dmcatalogitem.....(SysCode: " + std::to_string(st_.ErrorCode()) + "). ");
   auto rs = std::make_shared<Recordset>();
   st_.Sql("SELECT * FROM no_such_table");
   EXPECT_FALSE(st_.GetRecordsetRO(rs));
@@ -425,13 +428,15 @@ TEST_P(SqlStatementEngineTest, EnrolmentAtMidnightIsOnOrBeforeItsDateLiteral) {
   ASSERT_FALSE(st_.Error()) << st_.ErrorMessage();
 
   auto rs = std::make_shared<Recordset>();
-  st_.Sql("SELECT Account FROM dmclientsmrktcmp WHERE CampaignRecID = 'c' AND EffectiveDate <= "
-          "{d '2005-03-01'} ORDER BY Account");
+  st_.Sql(
+      "SELECT Account FROM dmclientsmrktcmp WHERE CampaignRecID = 'c' AND EffectiveDate <= "
+      "{d '2005-03-01'} ORDER BY Account");
   ASSERT_TRUE(st_.GetRecordset(rs));
   ASSERT_EQ(rs->RecordCount(), 1);
   EXPECT_EQ(rs->FieldValue("Account"), Variant("a"));
-  st_.Sql("SELECT Account FROM dmclientsmrktcmp WHERE EffectiveDate < {ts '2005-03-01 00:00:01'}"
-          " OR EffectiveDate > {d '2005-03-01'}");
+  st_.Sql(
+      "SELECT Account FROM dmclientsmrktcmp WHERE EffectiveDate < {ts '2005-03-01 00:00:01'}"
+      " OR EffectiveDate > {d '2005-03-01'}");
   ASSERT_TRUE(st_.GetRecordset(rs));
   EXPECT_EQ(rs->RecordCount(), 2);
 }

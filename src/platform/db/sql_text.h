@@ -26,15 +26,15 @@ std::string RewriteSql(std::string_view sql, Dialect dialect);
 // One literal value taken out of a statement.
 struct ShapeParam {
   enum class Kind { kText, kInteger, kReal } kind = Kind::kText;
-  std::string text;       // The value as text (quotes removed and undoubled).
+  std::string text;  // The value as text (quotes removed and undoubled).
   std::int64_t integer = 0;
   double real = 0;
 };
 
 // A statement with its literal values replaced by parameters.
 struct Shape {
-  std::string text;                 // With "?" (SQLite) or "$n" (PostgreSQL).
-  std::vector<ShapeParam> params;   // In order.
+  std::string text;                // With "?" (SQLite) or "$n" (PostgreSQL).
+  std::vector<ShapeParam> params;  // In order.
 };
 
 // Splits a rewritten single SELECT, INSERT, UPDATE or DELETE statement into
