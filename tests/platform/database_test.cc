@@ -96,6 +96,14 @@ TEST(SqlShape, TextLiteralsAndComparedNumbersBecomeParameters) {
   EXPECT_EQ(shape.text, "INSERT INTO t (a, b) VALUES (?, 3)");
 }
 
+TEST(SqlShape, QueryLiteralsOutsideComparisonsStayInTheText) {
+  db::Shape shape;
+  ASSERT_TRUE(db::ExtractShape("SELECT 'x', a || 'y' FROM t WHERE a = 'z' AND b LIKE 'q%'",
+                               Dialect::kSqlite, &shape));
+  EXPECT_EQ(shape.text, "SELECT 'x', a || 'y' FROM t WHERE a = ? AND b LIKE ?");
+  EXPECT_EQ(shape.params.size(), 2u);
+}
+
 TEST(SqlShape, TypedAndPrefixedLiteralsStayInTheText) {
   db::Shape shape;
   ASSERT_TRUE(
@@ -383,6 +391,13 @@ TEST_P(DatabaseEngineTest, ForwardOnlyRecordsetAtItsLastRowNoLongerHoldsTheTable
   EXPECT_EQ(rs.FieldValue("a"), Variant(std::int32_t{2}));
   rs.MoveNext();
   EXPECT_TRUE(rs.Eof());
+}
+
+TEST_P(DatabaseEngineTest, SelectedLiteralsKeepTheirColumnNames) {
+  Recordset rs;
+  rs.Open("SELECT 'x', 'y' AS named", conn_, kAdOpenForwardOnly);
+  EXPECT_EQ(rs.FieldName(0), GetParam() == Engine::kSqlite ? "'x'" : "?column?");
+  EXPECT_EQ(rs.FieldValue("named"), Variant("y"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, DatabaseEngineTest, testing_support::TestEngines(),

@@ -38,8 +38,9 @@ struct Shape {
 };
 
 // Splits a rewritten single SELECT, INSERT, UPDATE or DELETE statement into
-// its shape: quoted text literals anywhere, and numbers that follow a
-// comparison operator, become parameters. False when the statement is not one
+// its shape: quoted text literals (anywhere in an INSERT or UPDATE; in a
+// SELECT or DELETE only after a comparison operator or LIKE), and numbers that
+// follow a comparison operator, become parameters. False when the statement is not one
 // whose meaning a parameter would keep (other statements, several statements,
 // existing placeholders, no literal at all).
 bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape);
