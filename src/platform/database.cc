@@ -109,7 +109,8 @@ void Recordset::Open(std::string_view source, const std::shared_ptr<Connection>&
   position_ = 0;
   if (forward_only) {
     eof_ = !cursor->Next(&row_);
-    cursor_ = eof_ ? nullptr : std::move(cursor);
+    has_next_ = !eof_ && cursor->Next(&next_row_);
+    cursor_ = has_next_ ? std::move(cursor) : nullptr;
   } else {
     std::vector<Variant> row;
     while (cursor->Next(&row)) rows_.push_back(std::move(row));
@@ -140,9 +141,14 @@ void Recordset::MoveNext() {
           "operation requires a current record.");
   }
   if (cursor_type_ == kAdOpenForwardOnly) {
-    if (!cursor_->Next(&row_)) {
+    // One row is read ahead, so that the engine's statement finishes (and
+    // lets go of its read snapshot) as soon as the last row is current.
+    if (has_next_) {
+      row_.swap(next_row_);
+      has_next_ = cursor_->Next(&next_row_);
+      if (!has_next_) cursor_.reset();
+    } else {
       eof_ = true;
-      cursor_.reset();
     }
   } else {
     ++position_;
@@ -159,8 +165,9 @@ long Recordset::ColumnIndex(std::string_view name) const {
   for (size_t i = 0; i < names_.size(); ++i) {
     if (EqualsIgnoreCase(names_[i], name)) return static_cast<long>(i);
   }
-  Raise(err::kDbItemNotFound, "Item cannot be found in the collection corresponding to the "
-                              "requested name or ordinal.");
+  Raise(err::kDbItemNotFound,
+        "Item cannot be found in the collection corresponding to the "
+        "requested name or ordinal.");
 }
 
 const Variant& Recordset::CurrentValue(long column) const {
@@ -192,8 +199,9 @@ long Recordset::FieldCount() const {
 std::string Recordset::FieldName(long index) const {
   RequireOpen();
   if (index < 0 || index >= static_cast<long>(names_.size())) {
-    Raise(err::kDbItemNotFound, "Item cannot be found in the collection corresponding to the "
-                                "requested name or ordinal.");
+    Raise(err::kDbItemNotFound,
+          "Item cannot be found in the collection corresponding to the "
+          "requested name or ordinal.");
   }
   return names_[static_cast<size_t>(index)];
 }
@@ -204,6 +212,8 @@ void Recordset::Close() {
   cursor_.reset();
   rows_.clear();
   row_.clear();
+  next_row_.clear();
+  has_next_ = false;
   names_.clear();
   eof_ = true;
   position_ = 0;

@@ -121,7 +121,7 @@ class Recordset : public Object {
   ~Recordset() override;
 
   // Runs `source` (SQL text) on `active_connection`. Cursor types 0
-  // (forward-only: rows are read as they are walked), 1 (keyset) and 3
+  // (forward-only: rows are read as they are walked, one row ahead), 1 (keyset) and 3
   // (static) are honoured (2 is treated as 1); the lock type and options are
   // accepted. Raises 3705 when already open, 3709 when the connection is
   // missing or closed, or the engine's error for bad SQL.
@@ -160,9 +160,11 @@ class Recordset : public Object {
   bool open_ = false;
   long cursor_type_ = kAdOpenForwardOnly;
   std::vector<std::string> names_;
-  // Forward-only: the live cursor and its current row.
+  // Forward-only: the live cursor, the current row and the row read ahead.
   std::unique_ptr<db::Cursor> cursor_;
   std::vector<Variant> row_;
+  std::vector<Variant> next_row_;
+  bool has_next_ = false;
   bool eof_ = true;
   // Keyset and static: every row, and the position in them.
   std::vector<std::vector<Variant>> rows_;

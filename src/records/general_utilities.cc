@@ -169,9 +169,7 @@ const MemberTable& GeneralUtilities::Members() const {
 
 QUILLO_REGISTER_CLASS(GeneralUtilities, Creatable::kPrivate);
 
-Variant NullToText(const Variant& x) {
-  return Variant(x.IsNull() ? std::string() : x.ToString());
-}
+Variant NullToText(const Variant& x) { return Variant(x.IsNull() ? std::string() : x.ToString()); }
 
 Variant DateToODBCLiteral(const Variant& x) {
   std::string result = "{d ''}";  // Overwritten below whatever the value is.

@@ -276,18 +276,12 @@ const MemberTable& SQLStatement::Members() const {
           .Method("VerifyString", [](S& s, std::string v) { return s.VerifyString(v); })
           .Method("ClearFields", [](S& s) { s.ClearFields(); })
           .Method("Execute", [](S& s) { s.Execute(); })
-          .Method("GetRecordset",
-                  [](S& s, std::shared_ptr<Recordset> rs, std::optional<Variant>) {
-                    return s.GetRecordset(rs);
-                  })
-          .Method("GetRecordsetRO",
-                  [](S& s, std::shared_ptr<Recordset> rs, std::optional<Variant>) {
-                    return s.GetRecordsetRO(rs);
-                  })
-          .Method("GetRecordsetFO",
-                  [](S& s, std::shared_ptr<Recordset> rs, std::optional<Variant>) {
-                    return s.GetRecordsetFO(rs);
-                  })
+          .Method("GetRecordset", [](S& s, std::shared_ptr<Recordset> rs,
+                                     std::optional<Variant>) { return s.GetRecordset(rs); })
+          .Method("GetRecordsetRO", [](S& s, std::shared_ptr<Recordset> rs,
+                                       std::optional<Variant>) { return s.GetRecordsetRO(rs); })
+          .Method("GetRecordsetFO", [](S& s, std::shared_ptr<Recordset> rs,
+                                       std::optional<Variant>) { return s.GetRecordsetFO(rs); })
           .Build();
   return table;
 }

@@ -38,7 +38,8 @@ TEST(SqlRewrite, EscapeLiteralsBecomeEachEnginesLiteral) {
 }
 
 TEST(SqlRewrite, EscapesAreReadWithBlanksAndAnyLetterCase) {
-  EXPECT_EQ(db::RewriteSql("x = { D  '2005-03-01' }", Dialect::kSqlite), "x = '2005-03-01 00:00:00'");
+  EXPECT_EQ(db::RewriteSql("x = { D  '2005-03-01' }", Dialect::kSqlite),
+            "x = '2005-03-01 00:00:00'");
   EXPECT_EQ(db::RewriteSql("x = {TS '0999-01-02 03:04:05'}", Dialect::kSqlite),
             "x = '0999-01-02 03:04:05'");
 }
@@ -82,9 +83,10 @@ TEST(SqlRewrite, DefaultIsQuotedWhereItIsAColumnName) {
 
 TEST(SqlShape, TextLiteralsAndComparedNumbersBecomeParameters) {
   db::Shape shape;
-  ASSERT_TRUE(db::ExtractShape("SELECT a FROM t WHERE k = 'O''Brien' AND n >= -12 AND r < 2.5 "
-                               "ORDER BY 1 LIMIT 5",
-                               Dialect::kPostgres, &shape));
+  ASSERT_TRUE(
+      db::ExtractShape("SELECT a FROM t WHERE k = 'O''Brien' AND n >= -12 AND r < 2.5 "
+                       "ORDER BY 1 LIMIT 5",
+                       Dialect::kPostgres, &shape));
   EXPECT_EQ(shape.text, "SELECT a FROM t WHERE k = $1 AND n >= $2 AND r < $3 ORDER BY 1 LIMIT 5");
   ASSERT_EQ(shape.params.size(), 3u);
   EXPECT_EQ(shape.params[0].text, "O'Brien");
@@ -94,11 +96,20 @@ TEST(SqlShape, TextLiteralsAndComparedNumbersBecomeParameters) {
   EXPECT_EQ(shape.text, "INSERT INTO t (a, b) VALUES (?, 3)");
 }
 
+TEST(SqlShape, QueryLiteralsOutsideComparisonsStayInTheText) {
+  db::Shape shape;
+  ASSERT_TRUE(db::ExtractShape("SELECT 'x', a || 'y' FROM t WHERE a = 'z' AND b LIKE 'q%'",
+                               Dialect::kSqlite, &shape));
+  EXPECT_EQ(shape.text, "SELECT 'x', a || 'y' FROM t WHERE a = ? AND b LIKE ?");
+  EXPECT_EQ(shape.params.size(), 2u);
+}
+
 TEST(SqlShape, TypedAndPrefixedLiteralsStayInTheText) {
   db::Shape shape;
-  ASSERT_TRUE(db::ExtractShape("SELECT * FROM t WHERE d <= TIMESTAMP '2005-03-01 00:00:00' AND "
-                               "b = X'00' AND c = t1.c2",
-                               Dialect::kPostgres, &shape));
+  ASSERT_TRUE(
+      db::ExtractShape("SELECT * FROM t WHERE d <= TIMESTAMP '2005-03-01 00:00:00' AND "
+                       "b = X'00' AND c = t1.c2",
+                       Dialect::kPostgres, &shape));
   EXPECT_EQ(shape.text,
             "SELECT * FROM t WHERE d <= TIMESTAMP '2005-03-01 00:00:00' AND b = X'00' AND c = "
             "t1.c2");
@@ -349,8 +360,7 @@ TEST_P(DatabaseEngineTest, ShapesReusedAcrossValuesAndTypesGiveTheEnginesOwnAnsw
   if (GetParam() == Engine::kPostgres) {
     EXPECT_RUNTIME_ERROR(conn_->Execute("SELECT * FROM t WHERE a = 'abc'"),
                          db::PgErrorNumber("22P02"));
-    EXPECT_RUNTIME_ERROR(conn_->Execute("SELECT * FROM t WHERE b = 5"),
-                         db::PgErrorNumber("42883"));
+    EXPECT_RUNTIME_ERROR(conn_->Execute("SELECT * FROM t WHERE b = 5"), db::PgErrorNumber("42883"));
   }
   rs.Open("SELECT * FROM t WHERE a = 1", conn_, kAdOpenStatic);
   EXPECT_EQ(rs.RecordCount(), 1);
@@ -368,6 +378,26 @@ TEST_P(DatabaseEngineTest, TwoForwardOnlyRecordsetsOfOneShapeWalkTogether) {
   EXPECT_EQ(r1.FieldValue("b"), Variant("y"));
   r2.MoveNext();
   EXPECT_TRUE(r2.Eof());
+}
+
+TEST_P(DatabaseEngineTest, ForwardOnlyRecordsetAtItsLastRowNoLongerHoldsTheTable) {
+  conn_->Execute("CREATE TABLE t (a INTEGER)");
+  conn_->Execute("INSERT INTO t VALUES (1), (2)");
+  Recordset rs;
+  rs.Open("SELECT a FROM t ORDER BY a", conn_, kAdOpenForwardOnly);
+  rs.MoveNext();  // The last row is current: the engine's statement is done.
+  EXPECT_EQ(rs.FieldValue("a"), Variant(std::int32_t{2}));
+  conn_->Execute("DROP TABLE t");
+  EXPECT_EQ(rs.FieldValue("a"), Variant(std::int32_t{2}));
+  rs.MoveNext();
+  EXPECT_TRUE(rs.Eof());
+}
+
+TEST_P(DatabaseEngineTest, SelectedLiteralsKeepTheirColumnNames) {
+  Recordset rs;
+  rs.Open("SELECT 'x', 'y' AS named", conn_, kAdOpenForwardOnly);
+  EXPECT_EQ(rs.FieldName(0), GetParam() == Engine::kSqlite ? "'x'" : "?column?");
+  EXPECT_EQ(rs.FieldValue("named"), Variant("y"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, DatabaseEngineTest, testing_support::TestEngines(),
@@ -405,8 +435,8 @@ TEST(SqliteFaults, ReadOnlyFileRefusesWritesAndStillReads) {
   EXPECT_EQ(rs.RecordCount(), 1);
   if (geteuid() != 0) {
     // Without root's privileges the file's own permissions are enough.
-    std::filesystem::permissions(db->Path(), std::filesystem::perms::owner_read |
-                                                 std::filesystem::perms::group_read);
+    std::filesystem::permissions(
+        db->Path(), std::filesystem::perms::owner_read | std::filesystem::perms::group_read);
     auto plain = std::make_shared<Connection>();
     plain->Open(db->ConnectionText());
     EXPECT_RUNTIME_ERROR(plain->Execute("INSERT INTO t VALUES (2)"), 8);

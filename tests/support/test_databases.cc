@@ -19,8 +19,8 @@ std::string PgAdminText() {
 // `base` made to open with `schema` first on the search path.
 std::string WithSearchPath(const std::string& base, const std::string& schema) {
   if (base.rfind("postgresql://", 0) == 0 || base.rfind("postgres://", 0) == 0) {
-    return base + (base.find('?') == std::string::npos ? "?" : "&") +
-           "options=-csearch_path%3D" + schema;
+    return base + (base.find('?') == std::string::npos ? "?" : "&") + "options=-csearch_path%3D" +
+           schema;
   }
   return base + " options='-csearch_path=" + schema + "'";
 }

@@ -112,8 +112,8 @@ size_t ReadEscape(std::string_view sql, size_t i, std::string* stamp) {
   const std::string word = LCase(sql.substr(j, w - j));
   if (word != "d" && word != "t" && word != "ts") return i;
   size_t end = sql.find('}', w);
-  std::string_view whole = sql.substr(i, end == std::string_view::npos ? sql.size() - i
-                                                                       : end - i + 1);
+  std::string_view whole =
+      sql.substr(i, end == std::string_view::npos ? sql.size() - i : end - i + 1);
   j = w;
   while (j < sql.size() && IsBlank(sql[j])) ++j;
   if (j >= sql.size() || sql[j] != '\'') BrokenEscape(whole);
@@ -208,6 +208,7 @@ bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape) {
   if (first != "SELECT" && first != "INSERT" && first != "UPDATE" && first != "DELETE") {
     return false;
   }
+  const bool writes = first == "INSERT" || first == "UPDATE";
   shape->text.clear();
   shape->params.clear();
   shape->text.reserve(sql.size());
@@ -238,8 +239,12 @@ bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape) {
     if (c == '\'') {
       const bool glued = i > 0 && IsIdentChar(sql[i - 1]);
       const std::string word = last_word();
-      if (glued || word == "TIMESTAMP" || word == "DATE" || word == "TIME" ||
-          word == "INTERVAL") {
+      // In a query a literal outside a comparison may name a result column
+      // (SQLite names "SELECT 'x'" after its text), so only compared ones go.
+      const char prev = last_significant();
+      const bool compared = prev == '=' || prev == '<' || prev == '>' || word == "LIKE";
+      if (glued || word == "TIMESTAMP" || word == "DATE" || word == "TIME" || word == "INTERVAL" ||
+          (!writes && !compared)) {
         i = CopyQuoted(sql, i, &shape->text);
         continue;
       }

@@ -26,20 +26,21 @@ std::string RewriteSql(std::string_view sql, Dialect dialect);
 // One literal value taken out of a statement.
 struct ShapeParam {
   enum class Kind { kText, kInteger, kReal } kind = Kind::kText;
-  std::string text;       // The value as text (quotes removed and undoubled).
+  std::string text;  // The value as text (quotes removed and undoubled).
   std::int64_t integer = 0;
   double real = 0;
 };
 
 // A statement with its literal values replaced by parameters.
 struct Shape {
-  std::string text;                 // With "?" (SQLite) or "$n" (PostgreSQL).
-  std::vector<ShapeParam> params;   // In order.
+  std::string text;                // With "?" (SQLite) or "$n" (PostgreSQL).
+  std::vector<ShapeParam> params;  // In order.
 };
 
 // Splits a rewritten single SELECT, INSERT, UPDATE or DELETE statement into
-// its shape: quoted text literals anywhere, and numbers that follow a
-// comparison operator, become parameters. False when the statement is not one
+// its shape: quoted text literals (anywhere in an INSERT or UPDATE; in a
+// SELECT or DELETE only after a comparison operator or LIKE), and numbers that
+// follow a comparison operator, become parameters. False when the statement is not one
 // whose meaning a parameter would keep (other statements, several statements,
 // existing placeholders, no literal at all).
 bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape);

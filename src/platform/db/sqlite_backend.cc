@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/database.h"
 #include "platform/db/sql_text.h"
 #include "platform/db/statement_cache.h"
 #include "platform/db/value_parse.h"
-#include "platform/database.h"
 #include "platform/error.h"
 #include "platform/text.h"
 
@@ -158,9 +158,9 @@ class SqliteCursor : public Cursor {
 class SqliteBackend : public Backend {
  public:
   explicit SqliteBackend(DbHandlePtr handle)
-      : handle_(std::move(handle)), db_(handle_->db), cache_(128, [](PreparedPtr& p) {
-          p.reset();
-        }) {}
+      : handle_(std::move(handle)),
+        db_(handle_->db),
+        cache_(128, [](PreparedPtr& p) { p.reset(); }) {}
   ~SqliteBackend() override { cache_.Clear(); }
 
   std::string EngineName() const override { return "sqlite"; }
@@ -205,8 +205,8 @@ class SqliteBackend : public Backend {
     if (!p) {
       p = std::make_shared<Prepared>();
       const char* next = nullptr;
-      const int rc = sqlite3_prepare_v2(db_, text.c_str(), static_cast<int>(text.size()),
-                                        &p->stmt, &next);
+      const int rc =
+          sqlite3_prepare_v2(db_, text.c_str(), static_cast<int>(text.size()), &p->stmt, &next);
       if (rc != SQLITE_OK) Fail(rc);
       if (!p->stmt) Raise(SQLITE_MISUSE, "The query text holds no statement.");
       p->Describe();
@@ -233,8 +233,8 @@ class SqliteBackend : public Backend {
       const char* next = nullptr;
       if (sqlite3_prepare_v2(db_, shape_.text.c_str(), static_cast<int>(shape_.text.size()),
                              &p->stmt, &next) != SQLITE_OK ||
-          !p->stmt || sqlite3_bind_parameter_count(p->stmt) !=
-                          static_cast<int>(shape_.params.size())) {
+          !p->stmt ||
+          sqlite3_bind_parameter_count(p->stmt) != static_cast<int>(shape_.params.size())) {
         return nullptr;  // The plain path reports the engine's own error.
       }
       p->Describe();
