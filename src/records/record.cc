@@ -38,15 +38,15 @@ Record::Value EmptyValue(ColumnType type) {
 // ---------------------------------------------------------------------------
 // TableInfo.
 
-TableInfo::TableInfo(std::string_view table, std::vector<ColumnSpec> columns,
+TableInfo::TableInfo(std::string_view table, std::vector<ColumnDeclaration> columns,
                      std::string_view key_property, const ExtraMembers& extra)
     : table_(table), root_element_(UCase(table)), members_(std::string(table), {}) {
   columns_.reserve(columns.size());
   for (size_t i = 0; i < columns.size(); ++i) {
-    const ColumnSpec& spec = columns[i];
-    columns_.push_back(Column{std::string(spec.property), std::string(spec.sql_name),
-                              UCase(spec.property), spec.type});
-    if (EqualsIgnoreCase(spec.property, key_property)) key_ = i;
+    const ColumnDeclaration& decl = columns[i];
+    columns_.push_back(Column{std::string(decl.property), std::string(decl.sql_name),
+                              UCase(decl.property), decl.type});
+    if (EqualsIgnoreCase(decl.property, key_property)) key_ = i;
   }
   const std::string& key = columns_[key_].sql_name;
   select_sql_ = "SELECT * FROM " + table_ + " WHERE " + key + " = ";

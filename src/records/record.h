@@ -65,7 +65,7 @@ enum class ColumnType {
 };
 
 // One column as a table class declares it.
-struct ColumnSpec {
+struct ColumnDeclaration {
   std::string_view property;  // Property name, as published ("city").
   std::string_view sql_name;  // Column name written to SQL ("City").
   ColumnType type;            // Value type.
@@ -87,8 +87,8 @@ using ExtraMembers = std::function<void(MemberTable::Builder<Record>&)>;
 class TableInfo {
  public:
   // REQUIRES: `key_property` names one of `columns`.
-  TableInfo(std::string_view table, std::vector<ColumnSpec> columns, std::string_view key_property,
-            const ExtraMembers& extra = {});
+  TableInfo(std::string_view table, std::vector<ColumnDeclaration> columns,
+            std::string_view key_property, const ExtraMembers& extra = {});
 
   // The table name, which is also the class name ("dmcatalogitem").
   const std::string& table() const { return table_; }
