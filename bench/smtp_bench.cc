@@ -272,28 +272,38 @@ void AttachmentBenchmark() {
   }
   std::ofstream(path, std::ios::binary) << bytes;
 
-  double best_part = 1e9, best_plain = 1e9;
+  double best_part = 1e9, best_lines = 1e9, best_plain = 1e9;
   size_t sink = 0;
+  std::string lines, plain;  // Reused, so both encoders write to warm memory.
   for (int round = 0; round < 7; ++round) {
-    const auto a = Clock::now();
-    quillo::ardESMTPAttachment part;
-    part.FileName(path);
-    part.CreateAttachment();
-    sink += part.Attachment().size();
-    const auto b = Clock::now();
-    std::string plain = quillo::Base64Encode(bytes);
+    const double a = ThreadCpuSeconds();
+    {
+      quillo::ardESMTPAttachment part;
+      part.FileName(path);
+      part.CreateAttachment();
+      sink += part.Attachment().size();
+    }
+    const double b = ThreadCpuSeconds();
+    lines.clear();
+    quillo::AppendBase64Lines(bytes, &lines);
+    sink += lines.size();
+    const double c = ThreadCpuSeconds();
+    quillo::Base64EncodeTo(bytes, &plain);
     sink += plain.size();
-    const auto c = Clock::now();
-    best_part = std::min(best_part, std::chrono::duration<double>(b - a).count());
-    best_plain = std::min(best_plain, std::chrono::duration<double>(c - b).count());
+    const double d = ThreadCpuSeconds();
+    best_part = std::min(best_part, b - a);
+    best_lines = std::min(best_lines, c - b);
+    best_plain = std::min(best_plain, d - c);
   }
   std::filesystem::remove_all(dir);
   const double mb = static_cast<double>(bytes.size()) / (1024.0 * 1024.0);
-  std::printf("\n10 MB attachment part (best of 7)\n");
-  std::printf("  %-38s %8.1f MB/s\n", "Base64Encode (plain encoder)", mb / best_plain);
-  std::printf("  %-38s %8.1f MB/s\n", "ardESMTPAttachment.CreateAttachment", mb / best_part);
-  std::printf("  ratio part/plain                       %8.2f   (bytes checked: %zu)\n",
-              best_plain / best_part, sink);
+  std::printf("\n10 MB attachment part (best of 7, MB of input per CPU second)\n");
+  std::printf("  %-46s %8.1f MB/s\n", "Base64EncodeTo (plain encoder, one line)", mb / best_plain);
+  std::printf("  %-46s %8.1f MB/s  ratio %.2f\n", "part body: Base64 in 74-character lines",
+              mb / best_lines, best_plain / best_lines);
+  std::printf("  %-46s %8.1f MB/s  ratio %.2f\n", "CreateAttachment (file read + header + body)",
+              mb / best_part, best_plain / best_part);
+  std::printf("  (bytes checked: %zu)\n", sink);
 }
 
 }  // namespace

@@ -39,10 +39,25 @@ void UnregisterSocket(SocketControl* socket) {
 
 int PumpEvents(int timeout_ms) {
   // A snapshot: handlers may close, open or destroy sockets while we dispatch.
-  std::vector<SocketControl*> sockets = Registry();
-  std::vector<pollfd> fds;
-  std::vector<SocketControl*> polled;
-  fds.reserve(sockets.size());
+  // The buffers are kept between calls (a handler that pumps again gets its
+  // own set).
+  thread_local int depth = 0;
+  thread_local std::vector<SocketControl*> kept_sockets;
+  thread_local std::vector<pollfd> kept_fds;
+  thread_local std::vector<SocketControl*> kept_polled;
+  std::vector<SocketControl*> own_sockets, own_polled;
+  std::vector<pollfd> own_fds;
+  const bool nested = depth > 0;
+  std::vector<SocketControl*>& sockets = nested ? own_sockets : kept_sockets;
+  std::vector<pollfd>& fds = nested ? own_fds : kept_fds;
+  std::vector<SocketControl*>& polled = nested ? own_polled : kept_polled;
+  struct Depth {
+    Depth() { ++depth; }
+    ~Depth() { --depth; }
+  } depth_guard;
+  sockets = Registry();
+  fds.clear();
+  polled.clear();
   bool pending = false;
   for (SocketControl* socket : sockets) {
     if (socket->HasPendingEvent()) pending = true;

@@ -96,8 +96,16 @@ void TcpSocketControl::Connect(const std::string& remote_host, int32_t remote_po
   addrinfo* found = nullptr;
   const std::string port_text = std::to_string(remote_port);
   state_ = kResolvingHost;
+  // An address needs no lookup; a name goes through the resolver.
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  if (::getaddrinfo(remote_host.c_str(), port_text.c_str(), &hints, &found) != 0) {
+    found = nullptr;
+    hints.ai_flags = AI_NUMERICSERV;
+  }
   if (remote_port <= 0 || remote_port > 65535 ||
-      ::getaddrinfo(remote_host.c_str(), port_text.c_str(), &hints, &found) != 0 || !found) {
+      (!found &&
+       ::getaddrinfo(remote_host.c_str(), port_text.c_str(), &hints, &found) != 0) ||
+      !found) {
     if (found) ::freeaddrinfo(found);
     Fail(kErrHostNotFound, "Authoritative answer: Host not found");
     return;

@@ -2,6 +2,7 @@
 #include "smtp/ard_esmtp.h"
 
 #include <array>
+#include <chrono>
 #include <cstring>
 
 #include "platform/clock.h"
@@ -54,6 +55,9 @@ constexpr std::array<const char*, 26> kReplySearchTexts{
     "513 ", "521 ", "535 ", "550 ", "551 ", "552 ", "553 ", "554 "};
 
 constexpr size_t kTranscriptLineLimit = 512;
+
+// Yields closer together than this share one look at the sockets.
+constexpr std::chrono::microseconds kYieldInterval(50);
 
 bool IsBlank(std::string_view s) { return Trim(s).empty(); }
 
@@ -320,13 +324,22 @@ void ardESMTP::ClearReplyBuffer() {
   reply_scanned_ = 0;
 }
 
-void ardESMTP::Yield() { PumpEvents(0); }
+void ardESMTP::Yield() {
+  // The dialogue yields many times in a row (once per reply-code comparison);
+  // a socket cannot have new events a few microseconds after the last look,
+  // so back-to-back yields within kYieldInterval share one poll.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - last_yield_ < kYieldInterval) return;
+  last_yield_ = now;
+  PumpEvents(0);
+}
 
 void ardESMTP::YieldWaiting() {
   if (FindLineEnd() != std::string::npos) {
     PumpEvents(0);
   } else {
     DoEvents();
+    last_yield_ = std::chrono::steady_clock::now();
   }
 }
 
@@ -353,7 +366,13 @@ std::string ardESMTP::GetReplyLine() {
       reply_scanned_ = 0;
       taken = true;
     }
-    YieldWaiting();
+    // Once a line is taken there is nothing to wait for: the yield only
+    // delivers what is ready.
+    if (taken) {
+      Yield();
+    } else {
+      YieldWaiting();
+    }
     p = FindLineEnd();
     if (DateDiff("s", deadline, Now()) > 0) timed_out = true;
   }

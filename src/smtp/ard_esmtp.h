@@ -30,6 +30,7 @@
 #ifndef QUILLO_SMTP_ARD_ESMTP_H_
 #define QUILLO_SMTP_ARD_ESMTP_H_
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -257,7 +258,8 @@ class ardESMTP : public Object {
   size_t reply_scanned_ = 0;  // The reply buffer holds no "\r\n" before this position.
   bool transport_error_ = false;
   std::string transcript_;
-  int mask_commands_ = 0;  // Credentials still to be masked in the transcript.
+  int mask_commands_ = 0;
+  std::chrono::steady_clock::time_point last_yield_;  // When the sockets were last polled.  // Credentials still to be masked in the transcript.
 
   // Content.
   std::string sender_friendly_;

@@ -80,9 +80,10 @@ class ardESMTPAttachment : public Object {
   std::string content_type_name_;
 };
 
-// `encoded` cut into lines of at most 74 characters, each ending in CRLF,
-// appended to `*out`.
-void AppendBase64Lines(std::string_view encoded, std::string* out);
+// The Base64 of `bytes` cut into lines of 74 characters (the last one may be
+// shorter), each ending in CRLF, appended to `*out`. Encodes block by block
+// straight into the lines, so the text is made in one pass.
+void AppendBase64Lines(std::string_view bytes, std::string* out);
 
 }  // namespace quillo
 

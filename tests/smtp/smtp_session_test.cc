@@ -311,7 +311,8 @@ TEST(SmtpSessionTest, ServerClosingAfterTheGreetingEndsInAFailure) {
 
 TEST(SmtpSessionTest, GarbageRepliesEndInATimeout) {
   PeerReplies replies;
-  replies.greeting = std::string("\x01\x02garbage\r\nxx\r\n-\r\n2200 nope\r\n\xff\xfe", 36);
+  static const char kGarbage[] = "\x01\x02garbage\r\nxx\r\n-\r\n2200 nope\r\n\xff\xfe";
+  replies.greeting = std::string(kGarbage, sizeof kGarbage - 1);
   ScriptedSmtpPeer peer(replies);
   Client c(peer.port());
   c.smtp->AddRecipient("r@peer.test");
