@@ -32,13 +32,13 @@ namespace {
 
 using quillo::ReplacementVariable;
 
-constexpr int kClients = 1000;           // Distinct client records, used in turn.
-constexpr int64_t kMessages = 1000000;   // Messages personalised per program.
+constexpr int kClients = 1000;          // Distinct client records, used in turn.
+constexpr int64_t kMessages = 1000000;  // Messages personalised per program.
 
 const std::array<ReplacementVariable, 10> kListed = {
-    ReplacementVariable::kFirst,    ReplacementVariable::kLast,   ReplacementVariable::kFullName,
-    ReplacementVariable::kCompany,  ReplacementVariable::kAddress1, ReplacementVariable::kCity,
-    ReplacementVariable::kState,    ReplacementVariable::kPostal, ReplacementVariable::kEmail,
+    ReplacementVariable::kFirst,   ReplacementVariable::kLast,     ReplacementVariable::kFullName,
+    ReplacementVariable::kCompany, ReplacementVariable::kAddress1, ReplacementVariable::kCity,
+    ReplacementVariable::kState,   ReplacementVariable::kPostal,   ReplacementVariable::kEmail,
     ReplacementVariable::kCsz};
 
 struct ClientData {
@@ -53,8 +53,8 @@ const std::vector<ClientData>& Clients() {
     std::vector<ClientData> out;
     for (int i = 0; i < kClients; ++i) {
       const std::string n = std::to_string(i);
-      out.push_back({"First" + n, "Last" + n, "", n + " Main Street", "", "Springfield",
-                     "IL", "USA", "627" + n, "Company " + n, "client" + n + "@example.com"});
+      out.push_back({"First" + n, "Last" + n, "", n + " Main Street", "", "Springfield", "IL",
+                     "USA", "627" + n, "Company " + n, "client" + n + "@example.com"});
     }
     return out;
   }();
@@ -148,8 +148,8 @@ void AnchorLoop(benchmark::State& state) {
     out.append(body, pos, std::string::npos);
     benchmark::DoNotOptimize(out);
   }
-  state.counters["msgs/s"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                benchmark::Counter::kIsRate);
+  state.counters["msgs/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 void BM_Anchor(benchmark::State& state) { AnchorLoop<FindWithStd>(state); }
 BENCHMARK(BM_Anchor)->Iterations(kMessages)->Unit(benchmark::kMicrosecond);
@@ -174,8 +174,8 @@ void BM_TagReplacer(benchmark::State& state) {
     });
     benchmark::DoNotOptimize(out);
   }
-  state.counters["msgs/s"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                benchmark::Counter::kIsRate);
+  state.counters["msgs/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_TagReplacer)->Iterations(kMessages)->Unit(benchmark::kMicrosecond);
 
@@ -211,8 +211,8 @@ void BM_dmMessage(benchmark::State& state) {
     std::string out = message.GetReplacedMessageBody();
     benchmark::DoNotOptimize(out);
   }
-  state.counters["msgs/s"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                benchmark::Counter::kIsRate);
+  state.counters["msgs/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_dmMessage)->Iterations(kMessages)->Unit(benchmark::kMicrosecond);
 

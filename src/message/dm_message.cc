@@ -30,8 +30,8 @@ void PutProperty(const ObjectPtr& object, std::string_view name, Variant value) 
 
 // The client fields personalisation reads, as views into the record.
 ClientFields FieldsOf(const dmclients& c) {
-  return ClientFields{c.First(),   c.Last(),  c.Middle(), c.Address(), c.PO(),    c.city(),
-                      c.state(),   c.Country(), c.zip(),  c.Company(), c.Email()};
+  return ClientFields{c.First(), c.Last(),    c.Middle(), c.Address(), c.PO(),   c.city(),
+                      c.state(), c.Country(), c.zip(),    c.Company(), c.Email()};
 }
 
 }  // namespace

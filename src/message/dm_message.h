@@ -200,23 +200,23 @@ class dmMessage : public Object {
   // Appends the value of one occurrence of `variable` to `out`.
   void AppendValue(quillo::ReplacementVariable variable, std::string& out);
 
-  std::string subject_;                                 // Subject.
-  std::string recipient_;                               // Recipient.
-  std::string message_file_name_;                       // MessageFileName.
-  std::string message_;                                 // The whole template text.
-  std::string message_body_;                            // MessageBody.
-  std::string message_header_;                          // MessageHeader.
-  std::string content_type_ = "text/plain";             // ContentType.
-  bool error_ = false;                                  // Error.
-  bool override_sending_account_ = true;                // OverrideSendingAccount.
-  std::shared_ptr<MessageParmList> attachments_;        // "Attach" lines.
-  std::shared_ptr<MessageParmList> inline_attachments_; // "Inline" lines.
+  std::string subject_;                                     // Subject.
+  std::string recipient_;                                   // Recipient.
+  std::string message_file_name_;                           // MessageFileName.
+  std::string message_;                                     // The whole template text.
+  std::string message_body_;                                // MessageBody.
+  std::string message_header_;                              // MessageHeader.
+  std::string content_type_ = "text/plain";                 // ContentType.
+  bool error_ = false;                                      // Error.
+  bool override_sending_account_ = true;                    // OverrideSendingAccount.
+  std::shared_ptr<MessageParmList> attachments_;            // "Attach" lines.
+  std::shared_ptr<MessageParmList> inline_attachments_;     // "Inline" lines.
   std::shared_ptr<MessageParmList> replacement_variables_;  // "Replace" lines.
   std::shared_ptr<MessageParmList> message_parameters_;     // Other lines.
-  std::shared_ptr<dmclients> client_;                   // Lent by the host, or made empty.
-  ObjectPtr esmtp_;                                     // Lent by the host.
-  std::shared_ptr<quillo::Connection> connection_;      // Lent by the host.
-  std::unique_ptr<TagReplacer> replacer_;               // Reused between messages.
+  std::shared_ptr<dmclients> client_;                       // Lent by the host, or made empty.
+  ObjectPtr esmtp_;                                         // Lent by the host.
+  std::shared_ptr<quillo::Connection> connection_;          // Lent by the host.
+  std::unique_ptr<TagReplacer> replacer_;                   // Reused between messages.
 };
 
 }  // namespace quillo

@@ -119,8 +119,7 @@ std::optional<ReplacementVariable> FindReplacementVariable(std::string_view name
   const std::string_view folded(upper, name.size());
   for (size_t i = 0; i < kVariables.size(); ++i) {
     const std::string_view candidate = kVariables[i].name;
-    if (candidate.size() == folded.size() && candidate[0] == folded[0] &&
-        candidate == folded) {
+    if (candidate.size() == folded.size() && candidate[0] == folded[0] && candidate == folded) {
       return static_cast<ReplacementVariable>(i);
     }
   }
@@ -162,27 +161,58 @@ std::string AddressBlock(const ClientFields& client, std::string_view separator)
 void AppendClientValue(ReplacementVariable variable, const ClientFields& c, std::string& out) {
   using V = ReplacementVariable;
   switch (variable) {
-    case V::kFirst: out.append(c.First); break;
-    case V::kLast: out.append(c.Last); break;
-    case V::kMiddle: out.append(c.Middle); break;
-    case V::kAddress1: out.append(c.Address); break;
-    case V::kAddress2: out.append(c.PO); break;
-    case V::kCity: out.append(c.city); break;
-    case V::kState: out.append(c.state); break;
-    case V::kCountry: out.append(c.Country); break;
-    case V::kPostal: out.append(c.zip); break;
-    case V::kCompany: out.append(c.Company); break;
-    case V::kEmail: out.append(c.Email); break;
-    case V::kFullName: AppendNameLine(c, out); break;
+    case V::kFirst:
+      out.append(c.First);
+      break;
+    case V::kLast:
+      out.append(c.Last);
+      break;
+    case V::kMiddle:
+      out.append(c.Middle);
+      break;
+    case V::kAddress1:
+      out.append(c.Address);
+      break;
+    case V::kAddress2:
+      out.append(c.PO);
+      break;
+    case V::kCity:
+      out.append(c.city);
+      break;
+    case V::kState:
+      out.append(c.state);
+      break;
+    case V::kCountry:
+      out.append(c.Country);
+      break;
+    case V::kPostal:
+      out.append(c.zip);
+      break;
+    case V::kCompany:
+      out.append(c.Company);
+      break;
+    case V::kEmail:
+      out.append(c.Email);
+      break;
+    case V::kFullName:
+      AppendNameLine(c, out);
+      break;
     case V::kCsz:
       AppendL(c.city, out);
       AppendL(c.state, out);
       AppendT(c.zip, out);
       break;
-    case V::kCsz1: AppendCsz1(c, out); break;
-    case V::kFullNameAddrBr: AppendAddressBlock(c, "<BR>", out); break;
-    case V::kFullNameAddrCrLf: AppendAddressBlock(c, "\r\n", out); break;
-    default: break;
+    case V::kCsz1:
+      AppendCsz1(c, out);
+      break;
+    case V::kFullNameAddrBr:
+      AppendAddressBlock(c, "<BR>", out);
+      break;
+    case V::kFullNameAddrCrLf:
+      AppendAddressBlock(c, "\r\n", out);
+      break;
+    default:
+      break;
   }
 }
 
@@ -190,15 +220,26 @@ void AppendDateValue(ReplacementVariable variable, Date now, std::string& out) {
   using V = ReplacementVariable;
   std::string_view format;
   switch (variable) {
-    case V::kShortDate: format = "Short Date"; break;
-    case V::kLongDate: format = "Long Date"; break;
-    case V::kShortTime: format = "Short Time"; break;
-    case V::kLongTime: format = "Long Time"; break;
-    case V::kDateTime: format = "General Date"; break;
-    default: return;
+    case V::kShortDate:
+      format = "Short Date";
+      break;
+    case V::kLongDate:
+      format = "Long Date";
+      break;
+    case V::kShortTime:
+      format = "Short Time";
+      break;
+    case V::kLongTime:
+      format = "Long Time";
+      break;
+    case V::kDateTime:
+      format = "General Date";
+      break;
+    default:
+      return;
   }
-  constexpr int kSunday = 1;      // First day of the week.
-  constexpr int kFirstJan1 = 1;   // The week of 1 January is the first week.
+  constexpr int kSunday = 1;     // First day of the week.
+  constexpr int kFirstJan1 = 1;  // The week of 1 January is the first week.
   out.append(FormatDate(now, format, kSunday, kFirstJan1));
 }
 
@@ -480,8 +521,7 @@ std::string TagReplacer::Replace(std::string_view text,
   const size_t done = ReplaceInOnePass(variables, value, &finished);
   if (finished) {
     // Every cut is in the input: write the result out in one go.
-    std::sort(cuts_.begin(), cuts_.end(),
-              [](const Cut& a, const Cut& b) { return a.pos < b.pos; });
+    std::sort(cuts_.begin(), cuts_.end(), [](const Cut& a, const Cut& b) { return a.pos < b.pos; });
     std::string result;
     size_t size = text.size();
     for (const Cut& cut : cuts_) size = size - cut.length + cut.value_length;

@@ -104,8 +104,7 @@ std::string AddressBlock(const ClientFields& client, std::string_view separator)
 
 // Appends the value of a client-based variable to `out`.
 // REQUIRES: !IsDateVariable(variable).
-void AppendClientValue(ReplacementVariable variable, const ClientFields& client,
-                       std::string& out);
+void AppendClientValue(ReplacementVariable variable, const ClientFields& client, std::string& out);
 
 // Appends `now` in the variable's named format (Sunday the first day of the
 // week, the week of 1 January the first week). REQUIRES: IsDateVariable(variable).
@@ -172,18 +171,18 @@ class TagReplacer {
   // Rebuilds starts_ and total_ from pieces_.
   void IndexPieces();
 
-  std::string_view text_;            // The input of the current Replace.
-  std::string values_;               // Every value inserted so far, back to back.
-  std::vector<Piece> pieces_;        // The current text, in order.
-  std::vector<size_t> starts_;       // Position of each piece in the current text.
-  size_t total_ = 0;                 // Length of the current text.
-  std::vector<Marker> markers_;      // Every "<!--" in the current text, in order.
-  std::vector<Tag> tags_;            // The listed variables' tags, in list order.
-  std::vector<uint32_t> owners_;     // Per input marker: the variable replacing it.
-  std::vector<Cut> cuts_;            // Replacements to apply.
-  std::vector<Piece> next_pieces_;   // Scratch for the next text.
-  std::vector<Marker> next_markers_; // Scratch for the next marker list.
-  std::vector<size_t> junctions_;    // Edges of the values inserted in this step.
+  std::string_view text_;             // The input of the current Replace.
+  std::string values_;                // Every value inserted so far, back to back.
+  std::vector<Piece> pieces_;         // The current text, in order.
+  std::vector<size_t> starts_;        // Position of each piece in the current text.
+  size_t total_ = 0;                  // Length of the current text.
+  std::vector<Marker> markers_;       // Every "<!--" in the current text, in order.
+  std::vector<Tag> tags_;             // The listed variables' tags, in list order.
+  std::vector<uint32_t> owners_;      // Per input marker: the variable replacing it.
+  std::vector<Cut> cuts_;             // Replacements to apply.
+  std::vector<Piece> next_pieces_;    // Scratch for the next text.
+  std::vector<Marker> next_markers_;  // Scratch for the next marker list.
+  std::vector<size_t> junctions_;     // Edges of the values inserted in this step.
 };
 
 }  // namespace quillo

@@ -46,11 +46,12 @@ using testing_support::TestDatabase;
 void AddAccount(Connection& c, const std::string& rec_id, const std::string& email,
                 const std::string& server, int port, int use_auth, const std::string& name = "acct",
                 const std::string& password = "secret", const std::string& friendly = "Sales") {
-  c.Execute("INSERT INTO dmsmtpaccounts (RecID, AccountName, AccountPassword, Domain, Email, "
-            "EmailFriendly, MailServer, Port, UseAuthentication) VALUES ('" +
-            rec_id + "', '" + name + "', '" + password + "', 'ignored.example', '" + email +
-            "', '" + friendly + "', '" + server + "', " + std::to_string(port) + ", " +
-            std::to_string(use_auth) + ")");
+  c.Execute(
+      "INSERT INTO dmsmtpaccounts (RecID, AccountName, AccountPassword, Domain, Email, "
+      "EmailFriendly, MailServer, Port, UseAuthentication) VALUES ('" +
+      rec_id + "', '" + name + "', '" + password + "', 'ignored.example', '" + email + "', '" +
+      friendly + "', '" + server + "', " + std::to_string(port) + ", " + std::to_string(use_auth) +
+      ")");
 }
 
 class dmMessageAccount : public ::testing::TestWithParam<Engine> {
@@ -85,9 +86,8 @@ TEST_P(dmMessageAccount, LoadSendingAccountCopiesTheRowInOrder) {
   EXPECT_TRUE(message_.LoadSendingAccount("sales@example.com"));
   EXPECT_EQ(smtp_->Trace(), (std::vector<std::string>{
                                 "AccountName=acct", "AccountPassword=secret",
-                                "MailServer=mail.example.com", "Port=587",
-                                "UseAuthentication=True", "Sender=sales@example.com",
-                                "SenderFriendly=Sales"}));
+                                "MailServer=mail.example.com", "Port=587", "UseAuthentication=True",
+                                "Sender=sales@example.com", "SenderFriendly=Sales"}));
   EXPECT_EQ(smtp_->Property("Port").Type(), VarType::kLong);
   EXPECT_EQ(smtp_->Property("UseAuthentication").Type(), VarType::kBoolean);
 }
@@ -124,8 +124,9 @@ TEST_P(dmMessageAccount, AddressIsInsertedWithoutQuoting) {
 TEST_P(dmMessageAccount, SendSelectsTheAccountOfTheFirstMailAccountLineOnly) {
   AddAccount(*connection_, "r1", "first@example.com", "one.example.com", 2525, 0);
   AddAccount(*connection_, "r2", "second@example.com", "two.example.com", 2626, 0);
-  message_.Message("[HEADER]\r\nMAILACCOUNT: first@example.com\r\n"
-                   "mailaccount: second@example.com\r\n[/HEADER]\r\nbody");
+  message_.Message(
+      "[HEADER]\r\nMAILACCOUNT: first@example.com\r\n"
+      "mailaccount: second@example.com\r\n[/HEADER]\r\nbody");
   message_.Send();
   const std::vector<std::string> trace = AccountTrace();
   ASSERT_EQ(trace.size(), 7u);
@@ -318,8 +319,7 @@ TEST(dmMessageEndToEnd, SendDeliversToARealSmtpServerAndParsesAsMime) {
   WriteFileBytes(server_folder.File("parse.py"), kParseMaildir);
   std::string facts;
   for (int i = 0; i < 100 && facts.find("count 1") == std::string::npos; ++i) {
-    facts = Capture("/usr/bin/python3 " + server_folder.File("parse.py") + " " + maildir +
-                    " 2>&1");
+    facts = Capture("/usr/bin/python3 " + server_folder.File("parse.py") + " " + maildir + " 2>&1");
     if (facts.find("count 1") == std::string::npos) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -345,8 +345,7 @@ TEST(dmMessageEndToEnd, SendDeliversToARealSmtpServerAndParsesAsMime) {
             std::string::npos)
       << facts;
   // The attachment's bytes, NULs included, and the inline image with its id.
-  EXPECT_NE(facts.find("price list.pdf None 255044462d312e340001ff\n"), std::string::npos)
-      << facts;
+  EXPECT_NE(facts.find("price list.pdf None 255044462d312e340001ff\n"), std::string::npos) << facts;
   EXPECT_NE(facts.find("logo.gif"), std::string::npos) << facts;
   EXPECT_NE(facts.find("474946383961"), std::string::npos) << facts;  // "GIF89a"
   EXPECT_NE(facts.find("logo01"), std::string::npos) << facts;

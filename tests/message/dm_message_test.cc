@@ -11,8 +11,8 @@
 #include "platform/collection.h"
 #include "platform/date.h"
 #include "platform/file.h"
-#include "platform/regional.h"
 #include "platform/object.h"
+#include "platform/regional.h"
 #include "records/dmclients.h"
 #include "support/error_matchers.h"
 
@@ -68,8 +68,9 @@ TEST(dmMessage, ListsExistEmptyBeforeAnyLoad) {
 
 TEST(dmMessage, IndexedAccessorsCountFromOneAndRaise9OutOfRange) {
   dmMessage m;
-  m.Message("[HEADER]\r\nAttach: a\r\nAttach: b\r\nInline: c, d\r\nReplace: FIRST\r\nX: y\r\n"
-            "[/HEADER]\r\n");
+  m.Message(
+      "[HEADER]\r\nAttach: a\r\nAttach: b\r\nInline: c, d\r\nReplace: FIRST\r\nX: y\r\n"
+      "[/HEADER]\r\n");
   EXPECT_EQ(m.Attachment(1)->Value(), "a");
   EXPECT_EQ(m.Attachment(2)->Value(), "b");
   EXPECT_EQ(m.InlineAttachment(1)->Value(), "c, d");
@@ -476,9 +477,10 @@ const char kAllTagsBody[] =
 std::string AllTagsTemplate() {
   std::string t = "[HEADER]\r\n";
   for (const char* n :
-       {"FIRST", "LAST", "MIDDLE", "ADDRESS1", "ADDRESS2", "CITY", "STATE", "COUNTRY", "POSTAL",
-        "COMPANY", "EMAIL", "FULLNAME", "CSZ", "CSZ1", "FULLNAMEADDRBR", "FULLNAMEADDRCRLF",
-        "SHORTDATE", "LONGDATE", "SHORTTIME", "LONGTIME", "DATETIME"}) {
+       {"FIRST",     "LAST",     "MIDDLE",         "ADDRESS1",         "ADDRESS2",  "CITY",
+        "STATE",     "COUNTRY",  "POSTAL",         "COMPANY",          "EMAIL",     "FULLNAME",
+        "CSZ",       "CSZ1",     "FULLNAMEADDRBR", "FULLNAMEADDRCRLF", "SHORTDATE", "LONGDATE",
+        "SHORTTIME", "LONGTIME", "DATETIME"}) {
     t += std::string("Replace: ") + n + "\r\n";
   }
   return t + "[/HEADER]\r\n" + kAllTagsBody;
@@ -528,8 +530,9 @@ TEST(dmMessagePersonalisation, DatesFollowTheRegionalNamedFormats) {
   Regional().short_date = "dd/mm/yyyy";
   Regional().short_time = "hh.nn";
   dmMessage m;
-  m.Message("[HEADER]\r\nReplace: SHORTDATE\r\nReplace: SHORTTIME\r\n[/HEADER]\r\n"
-            "<!--SHORTDATE--> <!--SHORTTIME-->");
+  m.Message(
+      "[HEADER]\r\nReplace: SHORTDATE\r\nReplace: SHORTTIME\r\n[/HEADER]\r\n"
+      "<!--SHORTDATE--> <!--SHORTTIME-->");
   const std::string body = m.GetReplacedMessageBody();
   Regional() = saved;
   EXPECT_EQ(body, "01/03/2005 14.05");
@@ -566,8 +569,9 @@ TEST(dmMessagePersonalisation, TagAtTheVeryEndAndAdjacentTagsAreReplaced) {
 
 TEST(dmMessagePersonalisation, UnknownVariableIsIgnored) {
   dmMessage m;
-  m.Message("[HEADER]\r\nReplace: NICKNAME\r\nReplace: FIRST\r\n[/HEADER]\r\n"
-            "<!--NICKNAME--> <!--FIRST-->");
+  m.Message(
+      "[HEADER]\r\nReplace: NICKNAME\r\nReplace: FIRST\r\n[/HEADER]\r\n"
+      "<!--NICKNAME--> <!--FIRST-->");
   m.Client(FilledClient());
   EXPECT_EQ(m.GetReplacedMessageBody(), "<!--NICKNAME--> John");
 }
@@ -660,10 +664,29 @@ TEST(dmMessagePersonalisation, ByNameHostGetsThePersonalisedBody) {
 TEST(dmMessagePersonalisation, RandomTemplatesNeverCrashOrHang) {
   // Bytes drawn from marker and tag fragments, NULs and line breaks; every
   // template is split, parsed and personalised for a filled client.
-  const std::vector<std::string> pieces = {
-      "[HEADER]", "[/header]", "\r\n", "\n", ":", "Replace", "Attach", "Inline", " FIRST",
-      "CSZ1", "FULLNAMEADDRBR", "<!--", "-->", "<!--FIRST-->", "<!--csz1-->", "<", "!", "-",
-      std::string("\0", 1), "\xff", " ", "\t", "x"};
+  const std::vector<std::string> pieces = {"[HEADER]",
+                                           "[/header]",
+                                           "\r\n",
+                                           "\n",
+                                           ":",
+                                           "Replace",
+                                           "Attach",
+                                           "Inline",
+                                           " FIRST",
+                                           "CSZ1",
+                                           "FULLNAMEADDRBR",
+                                           "<!--",
+                                           "-->",
+                                           "<!--FIRST-->",
+                                           "<!--csz1-->",
+                                           "<",
+                                           "!",
+                                           "-",
+                                           std::string("\0", 1),
+                                           "\xff",
+                                           " ",
+                                           "\t",
+                                           "x"};
   std::mt19937 rng(4242);
   auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
   ClockGuard clock(FixedNow);

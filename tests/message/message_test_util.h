@@ -129,27 +129,32 @@ class RecordingSmtp : public Object {
  private:
   static MemberTable Build() {
     MemberTable::Builder<RecordingSmtp> b("RecordingSmtp");
-    const char* properties[] = {
-        "MsgContentType", "MsgSubject", "MsgBody", "SenderFriendly", "Sender", "MsgReplyTo",
-        "MsgContentEncoding", "MsgMimeVersion", "CommandDataTimeout", "CommandTimeout",
-        "XMailer", "XMimeOLE", "Importance", "Sensitivity", "DispositionNotificationTo",
-        "XPriority", "AccountName", "AccountPassword", "MailServer", "Port", "UseAuthentication"};
+    const char* properties[] = {"MsgContentType",     "MsgSubject",     "MsgBody",
+                                "SenderFriendly",     "Sender",         "MsgReplyTo",
+                                "MsgContentEncoding", "MsgMimeVersion", "CommandDataTimeout",
+                                "CommandTimeout",     "XMailer",        "XMimeOLE",
+                                "Importance",         "Sensitivity",    "DispositionNotificationTo",
+                                "XPriority",          "AccountName",    "AccountPassword",
+                                "MailServer",         "Port",           "UseAuthentication"};
     for (const char* p : properties) {
       const std::string name = p;
       b.Raw(Member{name, CallKind::kGet, 0, 0, [name](Object& self, std::span<const Variant>) {
                      return static_cast<RecordingSmtp&>(self).Property(name);
                    }});
-      b.Raw(Member{name, CallKind::kPut, 1, 1,
-                   [name](Object& self, std::span<const Variant> args) {
+      b.Raw(Member{name, CallKind::kPut, 1, 1, [name](Object& self, std::span<const Variant> args) {
                      auto& smtp = static_cast<RecordingSmtp&>(self);
                      smtp.properties[LCase(name)] = args[0];
                      smtp.calls.push_back({name, CallKind::kPut, {args.begin(), args.end()}});
                      return Variant();
                    }});
     }
-    const std::pair<const char*, int> methods[] = {
-        {"AddCustomHeader", 1}, {"ClearAttachments", 0}, {"AddAttachment", 3},
-        {"AddAttachmentAsInline", 4}, {"ClearRecipients", 0}, {"AddRecipient", 1}, {"Send", 0}};
+    const std::pair<const char*, int> methods[] = {{"AddCustomHeader", 1},
+                                                   {"ClearAttachments", 0},
+                                                   {"AddAttachment", 3},
+                                                   {"AddAttachmentAsInline", 4},
+                                                   {"ClearRecipients", 0},
+                                                   {"AddRecipient", 1},
+                                                   {"Send", 0}};
     for (const auto& [m, arity] : methods) {
       const std::string name = m;
       const int min = (name == "AddAttachment" || name == "AddAttachmentAsInline") ? 1 : arity;

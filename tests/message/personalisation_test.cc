@@ -75,12 +75,11 @@ TEST(ReplacementVariables, NamesAreMatchedIgnoringCase) {
 }
 
 TEST(ReplacementVariables, EveryNameHasItsTag) {
-  const char* names[] = {"FIRST",   "LAST",      "MIDDLE",         "ADDRESS1",
-                         "ADDRESS2", "CITY",     "STATE",          "COUNTRY",
-                         "POSTAL",  "COMPANY",   "EMAIL",          "FULLNAME",
-                         "CSZ",     "CSZ1",      "FULLNAMEADDRBR", "FULLNAMEADDRCRLF",
-                         "SHORTDATE", "LONGDATE", "SHORTTIME",     "LONGTIME",
-                         "DATETIME"};
+  const char* names[] = {
+      "FIRST",     "LAST",     "MIDDLE",         "ADDRESS1",         "ADDRESS2",  "CITY",
+      "STATE",     "COUNTRY",  "POSTAL",         "COMPANY",          "EMAIL",     "FULLNAME",
+      "CSZ",       "CSZ1",     "FULLNAMEADDRBR", "FULLNAMEADDRCRLF", "SHORTDATE", "LONGDATE",
+      "SHORTTIME", "LONGTIME", "DATETIME"};
   for (const char* name : names) {
     auto variable = FindReplacementVariable(name);
     ASSERT_TRUE(variable.has_value()) << name;
@@ -264,9 +263,9 @@ TEST(TagReplacer, AFreshValueIsAskedForEveryOccurrenceInOrder) {
   TagReplacer r;
   int n = 0;
   const std::vector<V> list = {V::kLast, V::kFirst};
-  const std::string out =
-      r.Replace("<!--FIRST--><!--LAST--><!--FIRST--><!--LAST-->", list,
-                [&](V v, std::string& s) { s += (v == V::kFirst ? "F" : "L") + std::to_string(++n); });
+  const std::string out = r.Replace(
+      "<!--FIRST--><!--LAST--><!--FIRST--><!--LAST-->", list,
+      [&](V v, std::string& s) { s += (v == V::kFirst ? "F" : "L") + std::to_string(++n); });
   EXPECT_EQ(out, "F3L1F4L2");
 }
 
@@ -310,7 +309,9 @@ TEST(TagReplacer, BinaryBytesPassThrough) {
   TagReplacer r;
   const std::vector<V> list = {V::kFirst};
   const std::string text("\0\xff<!--FIRST-->\0\x80", 16);
-  EXPECT_EQ(r.Replace(text, list, Fixed("A")), std::string("\0\xff" "A\0\x80", 5));
+  EXPECT_EQ(r.Replace(text, list, Fixed("A")), std::string("\0\xff"
+                                                           "A\0\x80",
+                                                           5));
 }
 
 TEST(TagReplacer, ReusedReplacerStartsAfresh) {
@@ -324,10 +325,11 @@ TEST(TagReplacer, ReusedReplacerStartsAfresh) {
 TEST(TagReplacer, AgreesWithThePlainLoopOnRandomLetters) {
   // Mostly ordinary values, so that most texts are done in one pass and some
   // switch to the step-by-step way part of the way through.
-  const std::vector<std::string> fragments = {"<!--FIRST-->", "<!--last-->", "<!--CSZ-->",
-                                              "<!--Csz1-->", "<!--X-->", "text ", "<p>", "-",
-                                              "!", "<"};
-  const std::vector<std::string> value_pieces = {"Ann", "Lee", "x y", "", "-", "!", "<", "<!--LAST-->"};
+  const std::vector<std::string> fragments = {
+      "<!--FIRST-->", "<!--last-->", "<!--CSZ-->", "<!--Csz1-->", "<!--X-->",
+      "text ",        "<p>",         "-",          "!",           "<"};
+  const std::vector<std::string> value_pieces = {"Ann", "Lee", "x y", "",
+                                                 "-",   "!",   "<",   "<!--LAST-->"};
   const std::vector<V> all = {V::kFirst, V::kLast, V::kCsz, V::kCsz1};
   std::mt19937 rng(777);
   auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
@@ -339,13 +341,17 @@ TEST(TagReplacer, AgreesWithThePlainLoopOnRandomLetters) {
     for (size_t i = 1 + pick(4); i > 0; --i) list.push_back(all[pick(all.size())]);
     std::vector<std::string> values;
     for (int i = 0; i < 4; ++i) {
-      values.push_back(pick(4) == 0 ? value_pieces[pick(value_pieces.size())] : value_pieces[pick(3)]);
+      values.push_back(pick(4) == 0 ? value_pieces[pick(value_pieces.size())]
+                                    : value_pieces[pick(3)]);
     }
     int calls_fast = 0;
     int calls_plain = 0;
     auto value_with = [&](int& calls) {
       return [&](V v, std::string& out) {
-        out += values[static_cast<size_t>(v == V::kFirst ? 0 : v == V::kLast ? 1 : v == V::kCsz ? 2 : 3)];
+        out += values[static_cast<size_t>(v == V::kFirst  ? 0
+                                          : v == V::kLast ? 1
+                                          : v == V::kCsz  ? 2
+                                                          : 3)];
         if (++calls % 2 == 0) out += "2";
       };
     };
@@ -358,9 +364,26 @@ TEST(TagReplacer, AgreesWithThePlainLoopOnRandomLetters) {
 TEST(TagReplacer, AgreesWithThePlainLoopOnRandomTexts) {
   // Texts and values built from fragments of tags, so that values bring in
   // tags, joins form markers and tags overlap in every way.
-  const std::vector<std::string> fragments = {
-      "<!--", "-->", "<!", "--", "-", "<", "!", "FIRST", "first", "LAST", "CSZ", "CSZ1",
-      "<!--FIRST-->", "<!--last-->", "<!--CSZ-->", "<!--Csz1-->", "a", "b", " ", "\r\n"};
+  const std::vector<std::string> fragments = {"<!--",
+                                              "-->",
+                                              "<!",
+                                              "--",
+                                              "-",
+                                              "<",
+                                              "!",
+                                              "FIRST",
+                                              "first",
+                                              "LAST",
+                                              "CSZ",
+                                              "CSZ1",
+                                              "<!--FIRST-->",
+                                              "<!--last-->",
+                                              "<!--CSZ-->",
+                                              "<!--Csz1-->",
+                                              "a",
+                                              "b",
+                                              " ",
+                                              "\r\n"};
   const std::vector<V> all = {V::kFirst, V::kLast, V::kCsz, V::kCsz1};
   std::mt19937 rng(12345);
   auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
@@ -383,7 +406,10 @@ TEST(TagReplacer, AgreesWithThePlainLoopOnRandomTexts) {
     int plain_calls = 0;
     auto value_with = [&](int& calls) {
       return [&](V v, std::string& out) {
-        out += values[static_cast<size_t>(v == V::kFirst ? 0 : v == V::kLast ? 1 : v == V::kCsz ? 2 : 3)];
+        out += values[static_cast<size_t>(v == V::kFirst  ? 0
+                                          : v == V::kLast ? 1
+                                          : v == V::kCsz  ? 2
+                                                          : 3)];
         if (++calls % 3 == 0) out += "#";
       };
     };

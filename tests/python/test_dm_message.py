@@ -91,3 +91,76 @@ def test_send_without_smtp_client_raises_91():
     with pytest.raises(quillo.RuntimeError) as info:
         message.Send()
     assert info.value.number == 91
+
+
+class RecordingSmtp:
+    """A Python object standing in for ardESMTP: Send reaches it by name."""
+
+    def __init__(self):
+        self.calls = []
+        self.Port = 25
+
+    def __setattr__(self, name, value):
+        if name not in ("calls",):
+            self.calls.append("%s=%s" % (name, value))
+        object.__setattr__(self, name, value)
+
+    def AddCustomHeader(self, text):
+        self.calls.append("AddCustomHeader(%s)" % text)
+
+    def ClearAttachments(self):
+        self.calls.append("ClearAttachments()")
+
+    def AddAttachment(self, name, content_type=None, content_type_name=None):
+        self.calls.append("AddAttachment(%s)" % name)
+
+    def AddAttachmentAsInline(self, name, cid=None, content_type=None, content_type_name=None):
+        self.calls.append("AddAttachmentAsInline(%s, %s)" % (name, cid))
+
+    def ClearRecipients(self):
+        self.calls.append("ClearRecipients()")
+
+    def AddRecipient(self, address):
+        self.calls.append("AddRecipient(%s)" % address)
+
+    def Send(self):
+        self.calls.append("Send()")
+        return -5
+
+
+def test_send_drives_a_python_smtp_stand_in_by_name():
+    smtp = RecordingSmtp()
+    smtp.calls.clear()
+    client = quillo.CreateObject("dmclients")
+    client.First = "Ann"
+    client.Email = "ann@example.com"
+    message = quillo.CreateObject("dmMessage")
+    message.esmtp = smtp
+    message.Client = client
+    message.Subject = "For <!--FIRST-->"
+    message.Message = (
+        "[HEADER]\r\nReplace: FIRST\r\nX-PRIORITY: 2.5\r\nX-Campaign: spring\r\n"
+        "Inline: a.gif, img1\r\nInline: a,b,c\r\n[/HEADER]\r\nDear <!--FIRST-->"
+    )
+    assert message.Send() == -5
+    assert smtp.calls == [
+        "MsgContentType=text/plain",
+        "MsgSubject=For Ann",
+        "MsgBody=Dear Ann",
+        "XPriority=2",
+        "AddCustomHeader(X-Campaign: spring)",
+        "ClearAttachments()",
+        "AddAttachmentAsInline(a.gif, img1)",
+        "ClearRecipients()",
+        "AddRecipient(ann@example.com)",
+        "Send()",
+    ]
+
+
+def test_inline_without_comma_fails_send_with_9():
+    message = quillo.CreateObject("dmMessage")
+    message.esmtp = RecordingSmtp()
+    message.Message = "[HEADER]\r\nInline: a.gif\r\n[/HEADER]\r\nbody"
+    with pytest.raises(quillo.RuntimeError) as info:
+        message.Send()
+    assert info.value.number == 9
