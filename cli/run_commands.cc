@@ -23,7 +23,7 @@ RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date 
                        const std::string& queue_path, bool show_progress) {
   Dispatch processor = Dispatch::Create("dmCampaignProcessor");
   processor.Put("Connection", store.connection_object());
-  processor.Put("IDGenerator", CreateObject("idgen"));
+  processor.Put("IDGenerator", store.id_generator());
   processor.Put("CampaignRecID", campaign_id);
   processor.Put("CurrentDate", date);
 

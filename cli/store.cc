@@ -1,11 +1,44 @@
 #include "store.h"
 
+#include <unistd.h>
+
 #include <memory>
+#include <random>
 
 #include "platform/database.h"
 #include "platform/schema.h"
+#include "smtp/md5.h"
 
 namespace quillo::cli {
+
+namespace {
+
+// The command's identifier generator. The library's idgen draws one of a
+// thousand numbers per call, so keys made in bulk within one second can
+// collide; a host may lend records any object with GetNextRecordID, and this
+// one digests a random start, the process id and a counter instead.
+class HostIdGenerator : public Object {
+ public:
+  HostIdGenerator() {
+    std::random_device device;
+    seed_ = std::to_string(device()) + "-" + std::to_string(device()) + "-" +
+            std::to_string(::getpid());
+  }
+  const MemberTable& Members() const override {
+    static const MemberTable table =
+        MemberTable::Builder<HostIdGenerator>("HostIdGenerator")
+            .Method("GetNextRecordID", [](HostIdGenerator& g) { return g.Next(); })
+            .Build();
+    return table;
+  }
+  std::string Next() { return Md5Hex(seed_ + "-" + std::to_string(++counter_)); }
+
+ private:
+  std::string seed_;
+  unsigned long counter_ = 0;
+};
+
+}  // namespace
 
 std::string SqlQuote(std::string_view text) { return Replace(text, "'", "''"); }
 
@@ -29,7 +62,7 @@ Store::Store(const std::string& connection_text, bool allow_empty) {
   } catch (const RuntimeError& e) {
     throw CommandError("cannot open database '" + connection_text + "': " + e.description);
   }
-  id_generator_ = Dispatch::Create("idgen");
+  id_generator_ = Dispatch(std::make_shared<HostIdGenerator>());
   if (!allow_empty) {
     try {
       Scalar("SELECT COUNT(*) AS n FROM dmmrktcmp;", "n");

@@ -41,6 +41,8 @@ class Store {
 
   const Dispatch& connection() const { return connection_; }
   const ObjectPtr& connection_object() const { return connection_.object(); }
+  // The identifier generator lent to every record and run.
+  const ObjectPtr& id_generator() const { return id_generator_.object(); }
 
   // Creates the tables and indexes (idempotent).
   void CreateSchema();
