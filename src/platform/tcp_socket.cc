@@ -203,6 +203,8 @@ void TcpSocketControl::ReadAvailable() {
     rx_.resize(old_size + (n > 0 ? static_cast<size_t>(n) : 0));
     if (n > 0) {
       new_data_ = true;
+      // A short read drained the socket; anything later is reported by poll.
+      if (static_cast<size_t>(n) < kReadChunk) break;
       continue;
     }
     if (n == 0) {

@@ -91,12 +91,19 @@ void AppendBase64Lines(std::string_view bytes, std::string* out) {
   std::string block;
   for (size_t pos = 0; pos < bytes.size(); pos += kBlockBytes) {
     Base64EncodeTo(bytes.substr(pos, kBlockBytes), &block);
-    for (size_t i = 0; i < block.size(); i += kLineLength) {
-      const size_t n = std::min(kLineLength, block.size() - i);
-      std::memcpy(dst, block.data() + i, n);
-      dst += n;
-      *dst++ = '\r';
-      *dst++ = '\n';
+    const char* src = block.data();
+    size_t left = block.size();
+    for (; left >= kLineLength; left -= kLineLength, src += kLineLength) {
+      std::memcpy(dst, src, kLineLength);  // Constant size: inlined.
+      dst[kLineLength] = '\r';
+      dst[kLineLength + 1] = '\n';
+      dst += kLineLength + 2;
+    }
+    if (left > 0) {
+      std::memcpy(dst, src, left);
+      dst[left] = '\r';
+      dst[left + 1] = '\n';
+      dst += left + 2;
     }
   }
 }
