@@ -239,8 +239,7 @@ void LibrarySend(int port, int messages, const std::string& body) {
   for (int i = 0; i < messages; ++i) smtp->AddRecipient("user" + std::to_string(i) + "@sink.test");
   smtp->Send();
   if (smtp->rc() != 221 || smtp->TransportFailed()) {
-    std::fprintf(stderr, "library run failed: rc %d\n%s\n", smtp->rc(),
-                 smtp->Transcript().c_str());
+    std::fprintf(stderr, "library run failed: rc %d\n%s\n", smtp->rc(), smtp->Transcript().c_str());
   }
 }
 

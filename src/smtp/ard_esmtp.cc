@@ -616,11 +616,11 @@ const MemberTable& ardESMTP::Members() const {
                   [](E& e, S file, std::optional<S> type, std::optional<S> name) {
                     e.AddAttachment(file, std::move(type), std::move(name));
                   })
-          .Method("AddAttachmentAsInline",
-                  [](E& e, S file, std::optional<S> id, std::optional<S> type,
-                     std::optional<S> name) {
-                    e.AddAttachmentAsInline(file, std::move(id), std::move(type), std::move(name));
-                  })
+          .Method(
+              "AddAttachmentAsInline",
+              [](E& e, S file, std::optional<S> id, std::optional<S> type, std::optional<S> name) {
+                e.AddAttachmentAsInline(file, std::move(id), std::move(type), std::move(name));
+              })
           .Method("ClearAttachments", [](E& e) { e.ClearAttachments(); })
           .Method("ClearRawMessages", [](E& e) { e.ClearRawMessages(); })
           .Get("Transcript", [](E& e) { return e.Transcript(); })
