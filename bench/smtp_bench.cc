@@ -239,8 +239,7 @@ void LibrarySend(int port, int messages, const std::string& body) {
   for (int i = 0; i < messages; ++i) smtp->AddRecipient("user" + std::to_string(i) + "@sink.test");
   smtp->Send();
   if (smtp->rc() != 221 || smtp->TransportFailed()) {
-    std::fprintf(stderr, "library run failed: rc %d\n%s\n", smtp->rc(),
-                 smtp->Transcript().c_str());
+    std::fprintf(stderr, "library run failed: rc %d\n%s\n", smtp->rc(), smtp->Transcript().c_str());
   }
 }
 
@@ -273,8 +272,9 @@ void AttachmentBenchmark() {
   std::ofstream(path, std::ios::binary) << bytes;
 
   double best_part = 1e9, best_lines = 1e9, best_plain = 1e9;
+  double best_lines_fresh = 1e9, best_plain_fresh = 1e9;
   size_t sink = 0;
-  std::string lines, plain;  // Reused, so both encoders write to warm memory.
+  std::string lines, plain;  // Reused: both encoders write to warm memory.
   for (int round = 0; round < 7; ++round) {
     const double a = ThreadCpuSeconds();
     {
@@ -284,25 +284,41 @@ void AttachmentBenchmark() {
       sink += part.Attachment().size();
     }
     const double b = ThreadCpuSeconds();
-    lines.clear();
+    lines.resize(0);
     quillo::AppendBase64Lines(bytes, &lines);
     sink += lines.size();
     const double c = ThreadCpuSeconds();
     quillo::Base64EncodeTo(bytes, &plain);
     sink += plain.size();
     const double d = ThreadCpuSeconds();
+    {
+      std::string fresh;
+      quillo::AppendBase64Lines(bytes, &fresh);
+      sink += fresh.size();
+    }
+    const double e = ThreadCpuSeconds();
+    sink += quillo::Base64Encode(bytes).size();
+    const double f = ThreadCpuSeconds();
     best_part = std::min(best_part, b - a);
     best_lines = std::min(best_lines, c - b);
     best_plain = std::min(best_plain, d - c);
+    best_lines_fresh = std::min(best_lines_fresh, e - d);
+    best_plain_fresh = std::min(best_plain_fresh, f - e);
   }
   std::filesystem::remove_all(dir);
   const double mb = static_cast<double>(bytes.size()) / (1024.0 * 1024.0);
   std::printf("\n10 MB attachment part (best of 7, MB of input per CPU second)\n");
-  std::printf("  %-46s %8.1f MB/s\n", "Base64EncodeTo (plain encoder, one line)", mb / best_plain);
-  std::printf("  %-46s %8.1f MB/s  ratio %.2f\n", "part body: Base64 in 74-character lines",
+  std::printf("  %-50s %8.1f MB/s\n", "plain encoder, fresh output (Base64Encode)",
+              mb / best_plain_fresh);
+  std::printf("  %-50s %8.1f MB/s  ratio %.2f\n", "part body in 74-char lines, fresh output",
+              mb / best_lines_fresh, best_plain_fresh / best_lines_fresh);
+  std::printf("  %-50s %8.1f MB/s\n", "plain encoder, reused output (Base64EncodeTo)",
+              mb / best_plain);
+  std::printf("  %-50s %8.1f MB/s  ratio %.2f\n", "part body in 74-char lines, reused output",
               mb / best_lines, best_plain / best_lines);
-  std::printf("  %-46s %8.1f MB/s  ratio %.2f\n", "CreateAttachment (file read + header + body)",
-              mb / best_part, best_plain / best_part);
+  std::printf("  %-50s %8.1f MB/s  ratio %.2f (fresh)\n",
+              "CreateAttachment (file read + header + body)", mb / best_part,
+              best_plain_fresh / best_part);
   std::printf("  (bytes checked: %zu)\n", sink);
 }
 

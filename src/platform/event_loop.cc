@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <span>
 #include <vector>
 
 #include "platform/socket.h"
@@ -94,10 +95,21 @@ int DoEvents() { return PumpEvents(kMaxEventWaitMs); }
 void ForwardEvents(const std::shared_ptr<SocketControl>& socket, const ObjectPtr& smtp_client) {
   if (!socket) Raise(err::kObjectNotSet);
   std::weak_ptr<Object> client = smtp_client;
-  socket->OnDataArrival([client](long bytes_total) {
+  // DataArrival comes with every reply: the forwarder is looked up once in the
+  // client's member table (a table that lacks it leaves the lookup to Invoke).
+  const Member* data_arrival =
+      smtp_client ? smtp_client->Members().Find("Winsock_DataArrival", CallKind::kMethod) : nullptr;
+  if (data_arrival && (data_arrival->min_args > 1 || data_arrival->max_args < 1)) {
+    data_arrival = nullptr;
+  }
+  socket->OnDataArrival([client, data_arrival](long bytes_total) {
     if (ObjectPtr target = client.lock()) {
-      target->Invoke("Winsock_DataArrival", CallKind::kMethod,
-                     {Variant(static_cast<int32_t>(bytes_total))});
+      const Variant arg(static_cast<int32_t>(bytes_total));
+      if (data_arrival) {
+        data_arrival->call(*target, std::span<const Variant>(&arg, 1));
+      } else {
+        target->Invoke("Winsock_DataArrival", CallKind::kMethod, {arg});
+      }
     }
   });
   socket->OnError([client](int16_t number, const std::string& description, int32_t scode,

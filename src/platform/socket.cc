@@ -15,19 +15,20 @@ int32_t SocketScode(int16_t number) {
 const MemberTable& SocketControl::Members() const {
   static const MemberTable table =
       MemberTable::Builder<SocketControl>("SocketControl")
-          .Method("Connect", [](SocketControl& s, std::string host,
-                                int32_t port) { s.Connect(host, port); })
+          .Method("Connect",
+                  [](SocketControl& s, std::string host, int32_t port) { s.Connect(host, port); })
           .Get("State", [](SocketControl& s) { return s.State(); })
           .Method("SendData", [](SocketControl& s, std::string data) { s.SendData(data); })
           .Method("GetData",
-                  [](SocketControl& s, std::optional<Variant> /*data*/,
-                     std::optional<int32_t> type, std::optional<int32_t> max_len) {
+                  [](SocketControl& s, std::optional<Variant> /*data*/, std::optional<int32_t> type,
+                     std::optional<int32_t> max_len) {
                     std::string data;
                     s.GetData(data, type.value_or(8), max_len.value_or(0));
                     return data;
                   })
           .Method("Close", [](SocketControl& s) { s.Close(); })
-          .Get("BytesReceived", [](SocketControl& s) { return static_cast<int32_t>(s.BytesReceived()); })
+          .Get("BytesReceived",
+               [](SocketControl& s) { return static_cast<int32_t>(s.BytesReceived()); })
           .Build();
   return table;
 }
@@ -51,9 +52,9 @@ void SocketControl::RaiseError(int16_t number, const std::string& description, i
     handler(number, description, scode, source, std::string(), 0, cancel_display);
   }
   if (HasSinks()) {
-    std::vector<Variant> args{Variant(number),        Variant(description), Variant(scode),
-                              Variant(source),        Variant(std::string()),
-                              Variant(int32_t{0}),    Variant(cancel_display)};
+    std::vector<Variant> args{Variant(number),        Variant(description),   Variant(scode),
+                              Variant(source),        Variant(std::string()), Variant(int32_t{0}),
+                              Variant(cancel_display)};
     FireEvent("Error", args);
   }
 }

@@ -40,7 +40,7 @@ class SocketControl : public Object {
   static constexpr int16_t kError = 9;
 
   // Error numbers raised by the Error event and by the calls.
-  static constexpr long kErrWrongState = 40006;      // SendData/GetData when not connected.
+  static constexpr long kErrWrongState = 40006;        // SendData/GetData when not connected.
   static constexpr long kErrInvalidOperation = 40020;  // Connect while not closed.
   static constexpr int16_t kErrConnectionRefused = 10061;
   static constexpr int16_t kErrConnectionReset = 10054;
@@ -52,10 +52,9 @@ class SocketControl : public Object {
   // Typed callback for DataArrival: the number of bytes waiting.
   using DataArrivalHandler = std::function<void(long bytes_total)>;
   // Typed callback for Error; `cancel_display` may be changed by the handler.
-  using ErrorHandler = std::function<void(int16_t number, const std::string& description,
-                                          int32_t scode, const std::string& source,
-                                          const std::string& help_file, int32_t help_context,
-                                          bool& cancel_display)>;
+  using ErrorHandler = std::function<void(
+      int16_t number, const std::string& description, int32_t scode, const std::string& source,
+      const std::string& help_file, int32_t help_context, bool& cancel_display)>;
 
   SocketControl() = default;
   ~SocketControl() override = default;

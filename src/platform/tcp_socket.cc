@@ -56,22 +56,14 @@ TcpSocketControl::~TcpSocketControl() {
 }
 
 const MemberTable& TcpSocketControl::Members() const {
-  static const MemberTable table = MemberTable::Builder<TcpSocketControl>("TcpSocketControl")
-                                       .Include(SocketControl::Members())
-                                       .Put("ConnectTimeout",
-                                            [](TcpSocketControl& s, int32_t v) {
-                                              s.ConnectTimeout(v);
-                                            })
-                                       .Get("ConnectTimeout", [](TcpSocketControl& s) {
-                                         return s.ConnectTimeout();
-                                       })
-                                       .Get("RemoteHost", [](TcpSocketControl& s) {
-                                         return s.RemoteHost();
-                                       })
-                                       .Get("RemotePort", [](TcpSocketControl& s) {
-                                         return s.RemotePort();
-                                       })
-                                       .Build();
+  static const MemberTable table =
+      MemberTable::Builder<TcpSocketControl>("TcpSocketControl")
+          .Include(SocketControl::Members())
+          .Put("ConnectTimeout", [](TcpSocketControl& s, int32_t v) { s.ConnectTimeout(v); })
+          .Get("ConnectTimeout", [](TcpSocketControl& s) { return s.ConnectTimeout(); })
+          .Get("RemoteHost", [](TcpSocketControl& s) { return s.RemoteHost(); })
+          .Get("RemotePort", [](TcpSocketControl& s) { return s.RemotePort(); })
+          .Build();
   return table;
 }
 
@@ -103,8 +95,7 @@ void TcpSocketControl::Connect(const std::string& remote_host, int32_t remote_po
     hints.ai_flags = AI_NUMERICSERV;
   }
   if (remote_port <= 0 || remote_port > 65535 ||
-      (!found &&
-       ::getaddrinfo(remote_host.c_str(), port_text.c_str(), &hints, &found) != 0) ||
+      (!found && ::getaddrinfo(remote_host.c_str(), port_text.c_str(), &hints, &found) != 0) ||
       !found) {
     if (found) ::freeaddrinfo(found);
     Fail(kErrHostNotFound, "Authoritative answer: Host not found");
@@ -148,9 +139,8 @@ short TcpSocketControl::PollInterest() const {
 }
 
 bool TcpSocketControl::HasPendingEvent() const {
-  return pending_error_.has_value() ||
-         (state_ == kConnecting && connect_timeout_ > 0 &&
-          std::chrono::steady_clock::now() >= connect_deadline_);
+  return pending_error_.has_value() || (state_ == kConnecting && connect_timeout_ > 0 &&
+                                        std::chrono::steady_clock::now() >= connect_deadline_);
 }
 
 void TcpSocketControl::Dispatch(short revents) {
@@ -203,6 +193,8 @@ void TcpSocketControl::ReadAvailable() {
     rx_.resize(old_size + (n > 0 ? static_cast<size_t>(n) : 0));
     if (n > 0) {
       new_data_ = true;
+      // A short read drained the socket; anything later is reported by poll.
+      if (static_cast<size_t>(n) < kReadChunk) break;
       continue;
     }
     if (n == 0) {
@@ -235,8 +227,7 @@ void TcpSocketControl::Flush() {
   tx_pos_ = 0;
 }
 
-long TcpSocketControl::RawRecv(char* buffer, size_t size, bool* would_block,
-                               std::string* failure) {
+long TcpSocketControl::RawRecv(char* buffer, size_t size, bool* would_block, std::string* failure) {
   for (;;) {
     const ssize_t n = ::recv(fd_, buffer, size, 0);
     if (n >= 0) return static_cast<long>(n);
@@ -275,8 +266,7 @@ void TcpSocketControl::SendData(std::string_view data) {
 
 void TcpSocketControl::GetData(std::string& data, int32_t /*type*/, int32_t max_len) {
   const size_t available = rx_.size() - rx_pos_;
-  const size_t n =
-      max_len > 0 ? std::min(available, static_cast<size_t>(max_len)) : available;
+  const size_t n = max_len > 0 ? std::min(available, static_cast<size_t>(max_len)) : available;
   data.assign(rx_, rx_pos_, n);
   rx_pos_ += n;
   if (rx_pos_ == rx_.size()) {

@@ -88,9 +88,9 @@ class TcpSocketControl : public SocketControl {
   bool tcp_connected_ = false;
   bool eof_ = false;
   bool new_data_ = false;
-  std::string rx_;       // Received bytes; those before rx_pos_ are taken.
+  std::string rx_;  // Received bytes; those before rx_pos_ are taken.
   size_t rx_pos_ = 0;
-  std::string tx_;       // Bytes queued for sending; those before tx_pos_ are sent.
+  std::string tx_;  // Bytes queued for sending; those before tx_pos_ are sent.
   size_t tx_pos_ = 0;
   struct PendingError {
     int16_t number;

@@ -97,7 +97,8 @@ void TlsSocketControl::StartSession() {
     const int loaded = ca_file_.empty()
                            ? SSL_CTX_set_default_verify_paths(ctx_)
                            : SSL_CTX_load_verify_locations(ctx_, ca_file_.c_str(), nullptr);
-    if (loaded != 1) return Fail(kErrSecurity, "Cannot load the trusted certificates: " + LastSslError());
+    if (loaded != 1)
+      return Fail(kErrSecurity, "Cannot load the trusted certificates: " + LastSslError());
     SSL_CTX_set_verify(ctx_, SSL_VERIFY_PEER, nullptr);
   } else {
     SSL_CTX_set_verify(ctx_, SSL_VERIFY_NONE, nullptr);
@@ -142,8 +143,8 @@ void TlsSocketControl::FailHandshake() {
   std::string reason;
   const long verify = ssl_ ? SSL_get_verify_result(ssl_) : X509_V_OK;
   if (verify_peer_ && verify != X509_V_OK) {
-    reason = std::string("Certificate verification failed: ") +
-             X509_verify_cert_error_string(verify);
+    reason =
+        std::string("Certificate verification failed: ") + X509_verify_cert_error_string(verify);
     ERR_clear_error();
   } else {
     reason = "TLS handshake failed: " + LastSslError();
@@ -157,8 +158,7 @@ short TlsSocketControl::SessionInterest() const {
   return want_write_ ? POLLOUT : 0;
 }
 
-long TlsSocketControl::RawRecv(char* buffer, size_t size, bool* would_block,
-                               std::string* failure) {
+long TlsSocketControl::RawRecv(char* buffer, size_t size, bool* would_block, std::string* failure) {
   ERR_clear_error();
   SigpipeGuard guard;
   const int n = SSL_read(ssl_, buffer, static_cast<int>(size));

@@ -57,7 +57,7 @@ constexpr std::array<const char*, 26> kReplySearchTexts{
 constexpr size_t kTranscriptLineLimit = 512;
 
 // Yields closer together than this share one look at the sockets.
-constexpr std::chrono::microseconds kYieldInterval(50);
+constexpr std::chrono::microseconds kYieldInterval(500);
 
 bool IsBlank(std::string_view s) { return Trim(s).empty(); }
 
@@ -325,9 +325,10 @@ void ardESMTP::ClearReplyBuffer() {
 }
 
 void ardESMTP::Yield() {
-  // The dialogue yields many times in a row (once per reply-code comparison);
-  // a socket cannot have new events a few microseconds after the last look,
-  // so back-to-back yields within kYieldInterval share one poll.
+  // The dialogue yields many times in a row (once per reply-code comparison,
+  // once after each command). Yields within kYieldInterval of the last look
+  // at the sockets share it; the waits themselves always look (DoEvents), so
+  // this delays no reply.
   const auto now = std::chrono::steady_clock::now();
   if (now - last_yield_ < kYieldInterval) return;
   last_yield_ = now;
@@ -615,11 +616,11 @@ const MemberTable& ardESMTP::Members() const {
                   [](E& e, S file, std::optional<S> type, std::optional<S> name) {
                     e.AddAttachment(file, std::move(type), std::move(name));
                   })
-          .Method("AddAttachmentAsInline",
-                  [](E& e, S file, std::optional<S> id, std::optional<S> type,
-                     std::optional<S> name) {
-                    e.AddAttachmentAsInline(file, std::move(id), std::move(type), std::move(name));
-                  })
+          .Method(
+              "AddAttachmentAsInline",
+              [](E& e, S file, std::optional<S> id, std::optional<S> type, std::optional<S> name) {
+                e.AddAttachmentAsInline(file, std::move(id), std::move(type), std::move(name));
+              })
           .Method("ClearAttachments", [](E& e) { e.ClearAttachments(); })
           .Method("ClearRawMessages", [](E& e) { e.ClearRawMessages(); })
           .Get("Transcript", [](E& e) { return e.Transcript(); })

@@ -259,7 +259,9 @@ class ardESMTP : public Object {
   bool transport_error_ = false;
   std::string transcript_;
   int mask_commands_ = 0;
-  std::chrono::steady_clock::time_point last_yield_;  // When the sockets were last polled.  // Credentials still to be masked in the transcript.
+  std::chrono::steady_clock::time_point
+      last_yield_;  // When the sockets were last polled.  // Credentials still to be masked in the
+                    // transcript.
 
   // Content.
   std::string sender_friendly_;

@@ -28,13 +28,13 @@ struct ExtensionType {
 
 // Tested in this order; the first match wins.
 constexpr ExtensionType kExtensionTypes[] = {
-    {"zip", "application/zip"},   {"pdf", "application/x-pdf"}, {"au", "audio/basic"},
-    {"snd", "audio/basic"},       {"aif", "audio/x-aiff"},      {"wav", "audio/x-wav"},
-    {"gif", "image/gif"},         {"jpg", "image/jpeg"},        {"jpeg", "image/jpeg"},
-    {"jpe", "image/jpe"},         {"htm", "text/html"},         {"html", "text/html"},
-    {"txt", "text/plain"},        {"c", "text/plain"},          {"cpp", "text/plain"},
-    {"h", "text/plain"},          {"mpeg", "video/mpeg"},       {"mpg", "video/mpeg"},
-    {"mpe", "video/mpeg"},        {"qt", "video/quicktime"},    {"mov", "video/quicktime"},
+    {"zip", "application/zip"}, {"pdf", "application/x-pdf"}, {"au", "audio/basic"},
+    {"snd", "audio/basic"},     {"aif", "audio/x-aiff"},      {"wav", "audio/x-wav"},
+    {"gif", "image/gif"},       {"jpg", "image/jpeg"},        {"jpeg", "image/jpeg"},
+    {"jpe", "image/jpe"},       {"htm", "text/html"},         {"html", "text/html"},
+    {"txt", "text/plain"},      {"c", "text/plain"},          {"cpp", "text/plain"},
+    {"h", "text/plain"},        {"mpeg", "video/mpeg"},       {"mpg", "video/mpeg"},
+    {"mpe", "video/mpeg"},      {"qt", "video/quicktime"},    {"mov", "video/quicktime"},
     {"wmv", "video/x-ms-wmv"},
 };
 
@@ -91,12 +91,19 @@ void AppendBase64Lines(std::string_view bytes, std::string* out) {
   std::string block;
   for (size_t pos = 0; pos < bytes.size(); pos += kBlockBytes) {
     Base64EncodeTo(bytes.substr(pos, kBlockBytes), &block);
-    for (size_t i = 0; i < block.size(); i += kLineLength) {
-      const size_t n = std::min(kLineLength, block.size() - i);
-      std::memcpy(dst, block.data() + i, n);
-      dst += n;
-      *dst++ = '\r';
-      *dst++ = '\n';
+    const char* src = block.data();
+    size_t left = block.size();
+    for (; left >= kLineLength; left -= kLineLength, src += kLineLength) {
+      std::memcpy(dst, src, kLineLength);  // Constant size: inlined.
+      dst[kLineLength] = '\r';
+      dst[kLineLength + 1] = '\n';
+      dst += kLineLength + 2;
+    }
+    if (left > 0) {
+      std::memcpy(dst, src, left);
+      dst[left] = '\r';
+      dst[left + 1] = '\n';
+      dst += left + 2;
     }
   }
 }
@@ -157,14 +164,16 @@ const MemberTable& ardESMTPAttachment::Members() const {
           .Get("DISPOSITION_TYPE_INLINE", [](A& a) { return a.DISPOSITION_TYPE_INLINE(); })
           .Put("ContentID", [](A& a, std::string v) { a.ContentID(std::move(v)); })
           .Get("ContentID", [](A& a) { return a.ContentID(); })
-          .Put("ContentDisposition", [](A& a, std::string v) { a.ContentDisposition(std::move(v)); })
+          .Put("ContentDisposition",
+               [](A& a, std::string v) { a.ContentDisposition(std::move(v)); })
           .Get("ContentDisposition", [](A& a) { return a.ContentDisposition(); })
           .Put("ContentType", [](A& a, std::string v) { a.ContentType(std::move(v)); })
           .Get("ContentType", [](A& a) { return a.ContentType(); })
           .Put("ContentTransferEncoding",
                [](A& a, std::string v) { a.ContentTransferEncoding(std::move(v)); })
           .Get("ContentTransferEncoding", [](A& a) { return a.ContentTransferEncoding(); })
-          .Put("ContentDescription", [](A& a, std::string v) { a.ContentDescription(std::move(v)); })
+          .Put("ContentDescription",
+               [](A& a, std::string v) { a.ContentDescription(std::move(v)); })
           .Get("ContentDescription", [](A& a) { return a.ContentDescription(); })
           .Put("FileName", [](A& a, std::string v) { a.FileName(std::move(v)); })
           .Get("FileName", [](A& a) { return a.FileName(); })

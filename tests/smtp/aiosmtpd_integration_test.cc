@@ -86,8 +86,9 @@ class AiosmtpdServer {
     std::string cert, key, user, password;
   };
   explicit AiosmtpdServer(const Options& options) {
-    std::vector<std::string> args = {kPython, kSupport + "/aiosmtpd_server.py", "--folder",
-                                     mail_.path(), "--ready", mail_.File("ready")};
+    std::vector<std::string> args = {kPython,    kSupport + "/aiosmtpd_server.py",
+                                     "--folder", mail_.path(),
+                                     "--ready",  mail_.File("ready")};
     if (!options.cert.empty()) {
       args.insert(args.end(), {"--cert", options.cert, "--key", options.key});
     }
@@ -139,11 +140,15 @@ class Certificates {
         "cd '" + d + "' && openssl req -x509" + ec +
         "-keyout ca.key -out ca.pem -days 2 -subj '/CN=quillo test CA'"
         " -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign"
-        " && openssl req" + ec + "-keyout good.key -out good.csr -subj '/CN=127.0.0.1'"
+        " && openssl req" +
+        ec +
+        "-keyout good.key -out good.csr -subj '/CN=127.0.0.1'"
         " && printf 'subjectAltName=IP:127.0.0.1\\nbasicConstraints=CA:FALSE\\n' > good.ext"
         " && openssl x509 -req -in good.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
         " -out good.pem -days 2 -extfile good.ext"
-        " && openssl req" + ec + "-keyout other.key -out other.csr -subj '/CN=other.test'"
+        " && openssl req" +
+        ec +
+        "-keyout other.key -out other.csr -subj '/CN=other.test'"
         " && printf 'subjectAltName=DNS:other.test\\nbasicConstraints=CA:FALSE\\n' > other.ext"
         " && openssl x509 -req -in other.csr -CA ca.pem -CAkey ca.key -CAcreateserial"
         " -out other.pem -days 2 -extfile other.ext";
@@ -160,8 +165,8 @@ class Certificates {
 // One parsed-message description line per entry.
 std::vector<std::string> Describe(const std::string& path) {
   std::vector<std::string> lines;
-  std::stringstream s(Capture(std::string(kPython) + " '" + kSupport + "/mime_check.py' '" +
-                              path + "'"));
+  std::stringstream s(
+      Capture(std::string(kPython) + " '" + kSupport + "/mime_check.py' '" + path + "'"));
   for (std::string line; std::getline(s, line);) lines.push_back(line);
   return lines;
 }
@@ -296,25 +301,28 @@ TEST_F(AiosmtpdTest, MultipartWithAttachmentsAndInlinePartParsesIntoTheSentParts
     EXPECT_TRUE(Contains(d, "part 0 type=text/html disposition=- filename=- cid=- size=" +
                                 std::to_string(body.size()) + " sha256=" + Sha256Hex(body)))
         << Join(d);
-    EXPECT_TRUE(Contains(d, "part 1 type=application/x-pdf disposition=attachment "
-                            "filename=report.pdf cid=- size=" +
-                                std::to_string(pdf.size()) + " sha256=" + Sha256Hex(pdf)))
+    EXPECT_TRUE(Contains(d,
+                         "part 1 type=application/x-pdf disposition=attachment "
+                         "filename=report.pdf cid=- size=" +
+                             std::to_string(pdf.size()) + " sha256=" + Sha256Hex(pdf)))
         << Join(d);
-    EXPECT_TRUE(Contains(d, "part 2 type=image/gif disposition=inline filename=logo.gif cid=<logo@q> "
-                            "size=" +
-                                std::to_string(gif.size()) + " sha256=" + Sha256Hex(gif)))
+    EXPECT_TRUE(Contains(d,
+                         "part 2 type=image/gif disposition=inline filename=logo.gif cid=<logo@q> "
+                         "size=" +
+                             std::to_string(gif.size()) + " sha256=" + Sha256Hex(gif)))
         << Join(d);
-    EXPECT_TRUE(Contains(d, "part 3 type=text/plain disposition=attachment "
-                            "filename=Nothing.txt cid=- size=0 sha256=" +
-                                Sha256Hex("")))
+    EXPECT_TRUE(Contains(d,
+                         "part 3 type=text/plain disposition=attachment "
+                         "filename=Nothing.txt cid=- size=0 sha256=" +
+                             Sha256Hex("")))
         << Join(d);
   }
 }
 
 TEST_F(AiosmtpdTest, ImplicitTlsWithTheTrustedCaDelivers) {
   ASSERT_TRUE(certificates_->ok()) << "openssl could not make the certificates";
-  AiosmtpdServer server({certificates_->File("good.pem"), certificates_->File("good.key"),
-                         "mailer", "pa55word"});
+  AiosmtpdServer server(
+      {certificates_->File("good.pem"), certificates_->File("good.key"), "mailer", "pa55word"});
   ASSERT_NE(server.port(), 0);
   auto socket = std::make_shared<TlsSocketControl>();
   socket->CAFile(certificates_->File("ca.pem"));
@@ -350,7 +358,8 @@ TEST_F(AiosmtpdTest, ImplicitTlsRefusesACertificateFromAnUntrustedCa) {
 
 TEST_F(AiosmtpdTest, ImplicitTlsRefusesACertificateForAnotherHost) {
   ASSERT_TRUE(certificates_->ok());
-  AiosmtpdServer server({certificates_->File("other.pem"), certificates_->File("other.key"), "", ""});
+  AiosmtpdServer server(
+      {certificates_->File("other.pem"), certificates_->File("other.key"), "", ""});
   ASSERT_NE(server.port(), 0);
   auto socket = std::make_shared<TlsSocketControl>();
   socket->CAFile(certificates_->File("ca.pem"));
@@ -366,7 +375,8 @@ TEST_F(AiosmtpdTest, ImplicitTlsRefusesACertificateForAnotherHost) {
 
 TEST_F(AiosmtpdTest, VerificationCanBeTurnedOff) {
   ASSERT_TRUE(certificates_->ok());
-  AiosmtpdServer server({certificates_->File("other.pem"), certificates_->File("other.key"), "", ""});
+  AiosmtpdServer server(
+      {certificates_->File("other.pem"), certificates_->File("other.key"), "", ""});
   ASSERT_NE(server.port(), 0);
   auto socket = std::make_shared<TlsSocketControl>();
   socket->VerifyPeer(false);

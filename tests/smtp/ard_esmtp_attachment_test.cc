@@ -26,16 +26,32 @@ std::string Bytes(size_t n) {
 
 TEST(AttachmentContentTypeTest, FollowsTheExtensionTableIgnoringCase) {
   ardESMTPAttachment a;
-  const std::pair<const char*, const char*> table[] = {
-      {"zip", "application/zip"}, {"pdf", "application/x-pdf"}, {"PDF", "application/x-pdf"},
-      {"au", "audio/basic"},      {"snd", "audio/basic"},       {"aif", "audio/x-aiff"},
-      {"wav", "audio/x-wav"},     {"gif", "image/gif"},         {"jpg", "image/jpeg"},
-      {"JPEG", "image/jpeg"},     {"jpe", "image/jpe"},         {"htm", "text/html"},
-      {"html", "text/html"},      {"txt", "text/plain"},        {"c", "text/plain"},
-      {"cpp", "text/plain"},      {"h", "text/plain"},          {"mpeg", "video/mpeg"},
-      {"mpg", "video/mpeg"},      {"mpe", "video/mpeg"},        {"qt", "video/quicktime"},
-      {"mov", "video/quicktime"}, {"wmv", "video/x-ms-wmv"},    {"", "application/octet-stream"},
-      {"docx", "application/octet-stream"}, {"tx", "application/octet-stream"}};
+  const std::pair<const char*, const char*> table[] = {{"zip", "application/zip"},
+                                                       {"pdf", "application/x-pdf"},
+                                                       {"PDF", "application/x-pdf"},
+                                                       {"au", "audio/basic"},
+                                                       {"snd", "audio/basic"},
+                                                       {"aif", "audio/x-aiff"},
+                                                       {"wav", "audio/x-wav"},
+                                                       {"gif", "image/gif"},
+                                                       {"jpg", "image/jpeg"},
+                                                       {"JPEG", "image/jpeg"},
+                                                       {"jpe", "image/jpe"},
+                                                       {"htm", "text/html"},
+                                                       {"html", "text/html"},
+                                                       {"txt", "text/plain"},
+                                                       {"c", "text/plain"},
+                                                       {"cpp", "text/plain"},
+                                                       {"h", "text/plain"},
+                                                       {"mpeg", "video/mpeg"},
+                                                       {"mpg", "video/mpeg"},
+                                                       {"mpe", "video/mpeg"},
+                                                       {"qt", "video/quicktime"},
+                                                       {"mov", "video/quicktime"},
+                                                       {"wmv", "video/x-ms-wmv"},
+                                                       {"", "application/octet-stream"},
+                                                       {"docx", "application/octet-stream"},
+                                                       {"tx", "application/octet-stream"}};
   for (const auto& [ext, type] : table) EXPECT_EQ(a.GetContentType(ext), type) << ext;
 }
 
@@ -56,13 +72,14 @@ TEST(AttachmentPartTest, HundredByteFileGivesOneLineOf74AndOneOf62) {
   a.CreateAttachment();
   const std::string encoded = Base64Encode(bytes);
   ASSERT_EQ(encoded.size(), 136u);
-  const std::string expected = "Content-Type: application/octet-stream;\r\n"
-                               "     name=\"data.bin\"\r\n"
-                               "Content-Transfer-Encoding: base64\r\n"
-                               "Content-Disposition: attachment;\r\n"
-                               "     filename=\"data.bin\"\r\n"
-                               "\r\n" +
-                               encoded.substr(0, 74) + "\r\n" + encoded.substr(74) + "\r\n";
+  const std::string expected =
+      "Content-Type: application/octet-stream;\r\n"
+      "     name=\"data.bin\"\r\n"
+      "Content-Transfer-Encoding: base64\r\n"
+      "Content-Disposition: attachment;\r\n"
+      "     filename=\"data.bin\"\r\n"
+      "\r\n" +
+      encoded.substr(0, 74) + "\r\n" + encoded.substr(74) + "\r\n";
   EXPECT_EQ(a.Attachment(), expected);
   EXPECT_EQ(a.ContentType(), "application/octet-stream");
   EXPECT_EQ(a.ContentTypeName(), "data.bin");
@@ -136,7 +153,8 @@ TEST(AttachmentPartTest, InlinePartHasContentIdAndNoFilenameLine) {
             "Content-Type: image/gif;\r\n     name=\"logo.gif\"\r\n"
             "Content-ID: <logo@x>\r\n"
             "Content-Transfer-Encoding: base64\r\nContent-Disposition: inline;\r\n"
-            "\r\n" + Base64Encode("GIF89a") + "\r\n");
+            "\r\n" +
+                Base64Encode("GIF89a") + "\r\n");
 }
 
 TEST(AttachmentPartTest, NameIsTheTextAfterTheLastBackslashOrColon) {
@@ -202,16 +220,32 @@ TEST(AttachmentInterfaceTest, MembersStandInInterfaceOrder) {
   ardESMTPAttachment a;
   std::vector<std::string> names;
   for (const Member& m : a.Members().members()) {
-    names.push_back(m.name + (m.kind == CallKind::kGet ? ":get" : m.kind == CallKind::kPut ? ":put" : ""));
+    names.push_back(m.name + (m.kind == CallKind::kGet   ? ":get"
+                              : m.kind == CallKind::kPut ? ":put"
+                                                         : ""));
   }
-  const std::vector<std::string> expected = {
-      "Attachment:get", "Attachment:put", "DISPOSITION_TYPE_ATTACHMENT:get",
-      "DISPOSITION_TYPE_INLINE:get", "ContentID:put", "ContentID:get",
-      "ContentDisposition:put", "ContentDisposition:get", "ContentType:put", "ContentType:get",
-      "ContentTransferEncoding:put", "ContentTransferEncoding:get", "ContentDescription:put",
-      "ContentDescription:get", "FileName:put", "FileName:get", "ContentTypeName:put",
-      "ContentTypeName:get", "InlineFileName:put", "GetFileExtension", "CreateAttachment",
-      "GetContentType"};
+  const std::vector<std::string> expected = {"Attachment:get",
+                                             "Attachment:put",
+                                             "DISPOSITION_TYPE_ATTACHMENT:get",
+                                             "DISPOSITION_TYPE_INLINE:get",
+                                             "ContentID:put",
+                                             "ContentID:get",
+                                             "ContentDisposition:put",
+                                             "ContentDisposition:get",
+                                             "ContentType:put",
+                                             "ContentType:get",
+                                             "ContentTransferEncoding:put",
+                                             "ContentTransferEncoding:get",
+                                             "ContentDescription:put",
+                                             "ContentDescription:get",
+                                             "FileName:put",
+                                             "FileName:get",
+                                             "ContentTypeName:put",
+                                             "ContentTypeName:get",
+                                             "InlineFileName:put",
+                                             "GetFileExtension",
+                                             "CreateAttachment",
+                                             "GetContentType"};
   EXPECT_EQ(names, expected);
 }
 

@@ -211,8 +211,9 @@ TEST(MultipartMessageTest, InlinePartFollowsAttachmentPartInOrder) {
   const std::string& m = smtp.MessageBuffer();
   const size_t text = m.find("--BB\r\nContent-type: text/html\r\n");
   const size_t pdf = m.find("--BB\r\nContent-Type: application/x-pdf;\r\n");
-  const size_t gif = m.find("--BB\r\nContent-Type: image/gif;\r\n     name=\"logo.gif\"\r\n"
-                            "Content-ID: logo\r\n");
+  const size_t gif = m.find(
+      "--BB\r\nContent-Type: image/gif;\r\n     name=\"logo.gif\"\r\n"
+      "Content-ID: logo\r\n");
   ASSERT_NE(text, std::string::npos);
   ASSERT_NE(pdf, std::string::npos);
   ASSERT_NE(gif, std::string::npos);
@@ -310,19 +311,62 @@ TEST(ClientInterfaceTest, MembersStandInInterfaceOrder) {
   for (const Member& m : smtp.Members().members()) {
     if (names.empty() || names.back() != m.name) names.push_back(m.name);
   }
-  const std::vector<std::string> expected = {
-      "MessageBuffer", "RawMessage", "Attachment", "Attachments", "RawMessages",
-      "OutputFileName", "XPriority", "XMailer", "XMimeOLE", "WinsockErrorNumber",
-      "WinsockErrorDescription", "WinsockErrorCode", "WinsockErrorSource", "WS", "MailServer",
-      "Port", "AccountName", "AccountPassword", "Sender", "SenderFriendly", "Boundary", "Domain",
-      "UseAuthentication", "ConnectTimeout", "CommandTimeout", "CommandDataTimeout",
-      "ExecutionTime", "MsgRecipients", "MsgSubject", "MsgReplyTo", "MsgBody", "MsgMimeVersion",
-      "MsgContentType", "MsgContentEncoding", "MsgBoundary", "ErrorCode", "rc", "Importance",
-      "Sensitivity", "DispositionNotificationTo", "Winsock_DataArrival", "Winsock_Error",
-      "AddRecipient", "ClearRecipients", "AddCustomHeader", "ClearCustomHeaders", "Send",
-      "WriteRawMessageFile", "CreateRawMessages", "SendRawMessageText", "AddAttachment",
-      "AddAttachmentAsInline", "ClearAttachments", "ClearRawMessages", "Transcript",
-      "TransportFailed"};
+  const std::vector<std::string> expected = {"MessageBuffer",
+                                             "RawMessage",
+                                             "Attachment",
+                                             "Attachments",
+                                             "RawMessages",
+                                             "OutputFileName",
+                                             "XPriority",
+                                             "XMailer",
+                                             "XMimeOLE",
+                                             "WinsockErrorNumber",
+                                             "WinsockErrorDescription",
+                                             "WinsockErrorCode",
+                                             "WinsockErrorSource",
+                                             "WS",
+                                             "MailServer",
+                                             "Port",
+                                             "AccountName",
+                                             "AccountPassword",
+                                             "Sender",
+                                             "SenderFriendly",
+                                             "Boundary",
+                                             "Domain",
+                                             "UseAuthentication",
+                                             "ConnectTimeout",
+                                             "CommandTimeout",
+                                             "CommandDataTimeout",
+                                             "ExecutionTime",
+                                             "MsgRecipients",
+                                             "MsgSubject",
+                                             "MsgReplyTo",
+                                             "MsgBody",
+                                             "MsgMimeVersion",
+                                             "MsgContentType",
+                                             "MsgContentEncoding",
+                                             "MsgBoundary",
+                                             "ErrorCode",
+                                             "rc",
+                                             "Importance",
+                                             "Sensitivity",
+                                             "DispositionNotificationTo",
+                                             "Winsock_DataArrival",
+                                             "Winsock_Error",
+                                             "AddRecipient",
+                                             "ClearRecipients",
+                                             "AddCustomHeader",
+                                             "ClearCustomHeaders",
+                                             "Send",
+                                             "WriteRawMessageFile",
+                                             "CreateRawMessages",
+                                             "SendRawMessageText",
+                                             "AddAttachment",
+                                             "AddAttachmentAsInline",
+                                             "ClearAttachments",
+                                             "ClearRawMessages",
+                                             "Transcript",
+                                             "TransportFailed"};
   EXPECT_EQ(names, expected);
   // A property's set stands before its get, except MessageBuffer.
   const auto& members = smtp.Members().members();

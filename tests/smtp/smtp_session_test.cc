@@ -45,7 +45,10 @@ struct Client {
 // A port with nothing listening on it.
 int ClosedPort() {
   int port;
-  { ScriptedSmtpPeer peer; port = peer.port(); }
+  {
+    ScriptedSmtpPeer peer;
+    port = peer.port();
+  }
   return port;
 }
 
@@ -65,8 +68,7 @@ TEST(SmtpSessionTest, CleanDialogueSendsTheCommandsInOrderAndLeaves221) {
   peer.WaitForSessions(1);
   const auto sessions = peer.Sessions();
   ASSERT_EQ(sessions.size(), 1u);
-  const std::vector<std::string> expected = {"EHLO client.test",
-                                             "MAIL FROM: <sender@client.test>",
+  const std::vector<std::string> expected = {"EHLO client.test", "MAIL FROM: <sender@client.test>",
                                              "RCPT TO: <rcpt@peer.test>", "DATA", "QUIT"};
   EXPECT_EQ(sessions[0].commands, expected);
   EXPECT_EQ(sessions[0].data, c.smtp->MessageBuffer());
@@ -158,11 +160,14 @@ TEST(SmtpSessionTest, AuthLoginSendsBase64CredentialsAndMasksThemInTheTranscript
   c.smtp->AddRecipient("r@peer.test");
   c.smtp->Send();
   peer.WaitForSessions(1);
-  const std::vector<std::string> expected = {
-      "EHLO client.test",        "AUTH LOGIN",
-      Base64Encode("user@peer.test"), Base64Encode("s3cret!"),
-      "MAIL FROM: <sender@client.test>", "RCPT TO: <r@peer.test>",
-      "DATA",                    "QUIT"};
+  const std::vector<std::string> expected = {"EHLO client.test",
+                                             "AUTH LOGIN",
+                                             Base64Encode("user@peer.test"),
+                                             Base64Encode("s3cret!"),
+                                             "MAIL FROM: <sender@client.test>",
+                                             "RCPT TO: <r@peer.test>",
+                                             "DATA",
+                                             "QUIT"};
   EXPECT_EQ(peer.Sessions()[0].commands, expected);
   EXPECT_EQ(c.smtp->rc(), 221);
   const std::string& transcript = c.smtp->Transcript();
@@ -372,8 +377,7 @@ TEST(SendRawMessageTextTest, WithoutABlankLineReturnsFalseAndSendsNothing) {
 TEST(SendRawMessageTextTest, SendsTheTextUnchangedToTheTrimmedToAddress) {
   ScriptedSmtpPeer peer;
   Client c(peer.port());
-  const std::string text =
-      "From: <s@x>\r\nTO:   r@peer.test  \r\nSubject: s\r\n\r\nbody\r\n.\r\n";
+  const std::string text = "From: <s@x>\r\nTO:   r@peer.test  \r\nSubject: s\r\n\r\nbody\r\n.\r\n";
   EXPECT_TRUE(c.smtp->SendRawMessageText(text));
   EXPECT_EQ(c.smtp->rc(), 0);
   EXPECT_EQ(c.smtp->MessageBuffer(), text);
@@ -422,8 +426,8 @@ TEST(SmtpByNameTest, HostDrivesTheClientAndSocketByName) {
 TEST(SmtpByNameTest, WinsockErrorForwarderStoresTheFourValues) {
   ObjectPtr smtp = CreateObject("ardESMTP");
   smtp->Invoke("Winsock_Error", CallKind::kMethod,
-               {Variant(int16_t{10053}), Variant("aborted"), Variant(int32_t{-5}),
-                Variant("src"), Variant("help"), Variant(int32_t{0}), Variant(false)});
+               {Variant(int16_t{10053}), Variant("aborted"), Variant(int32_t{-5}), Variant("src"),
+                Variant("help"), Variant(int32_t{0}), Variant(false)});
   EXPECT_EQ(smtp->Invoke("WinsockErrorNumber", CallKind::kGet).ToLong(), 10053);
   EXPECT_EQ(smtp->Invoke("WinsockErrorDescription", CallKind::kGet).ToString(), "aborted");
   EXPECT_EQ(smtp->Invoke("WinsockErrorCode", CallKind::kGet).ToLong(), -5);
@@ -439,7 +443,10 @@ namespace {
 
 TEST(SmtpSessionTest, RefusedConnectionWithoutForwardedErrorsDoesNotHang) {
   int port;
-  { testing::ScriptedSmtpPeer peer; port = peer.port(); }
+  {
+    testing::ScriptedSmtpPeer peer;
+    port = peer.port();
+  }
   Client c(port, /*forward=*/false);
   c.smtp->AddRecipient("r@peer.test");
   c.smtp->Send();

@@ -86,7 +86,10 @@ TEST(TcpSocketControlTest, PeerCloseLeavesState8AndTheDataReadable) {
 
 TEST(TcpSocketControlTest, RefusedConnectionRaisesErrorByNameWithSevenArguments) {
   int port;
-  { ScriptedSmtpPeer peer; port = peer.port(); }
+  {
+    ScriptedSmtpPeer peer;
+    port = peer.port();
+  }
   auto socket = std::make_shared<TcpSocketControl>();
   std::vector<Variant> args;
   socket->Advise("Error", [&](std::vector<Variant>& a) { args = a; });

@@ -58,7 +58,8 @@ std::optional<std::string> PeerConnection::ReadLine(std::chrono::milliseconds ti
       session_->commands.push_back(line);
       return line;
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0 || !Fill(left)) return std::nullopt;
   }
 }
@@ -75,7 +76,8 @@ std::optional<std::string> PeerConnection::ReadData(std::chrono::milliseconds ti
       session_->data = data;
       return data;
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0 || !Fill(left)) return std::nullopt;
   }
 }
@@ -83,7 +85,8 @@ std::optional<std::string> PeerConnection::ReadData(std::chrono::milliseconds ti
 void PeerConnection::WaitForClose(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (Clock::now() < deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (!Fill(left)) return;
   }
 }
