@@ -59,10 +59,10 @@ struct SendOptions {
   std::string queue;
   std::string campaign;  // With date: run first, then send what the run queued.
   std::string date;
-  std::string smtp;      // smtp://[user@]host[:port] or smtps://...
-  std::string account;   // The dmsmtpaccounts e-mail to send from.
-  std::string templates; // Folder that relative template names are read from.
-  std::string ca_file;   // Extra CA certificate for smtps.
+  std::string smtp;       // smtp://[user@]host[:port] or smtps://...
+  std::string account;    // The dmsmtpaccounts e-mail to send from.
+  std::string templates;  // Folder that relative template names are read from.
+  std::string ca_file;    // Extra CA certificate for smtps.
   std::int32_t timeout = 60;
   bool quiet = false;
 };
@@ -92,7 +92,7 @@ void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::str
 
 // What one campaign run produced.
 struct RunSummary {
-  std::string history_id;  // The run's dmmrktcmphistory key.
+  std::string history_id;     // The run's dmmrktcmphistory key.
   std::int32_t clients = 0;   // Enrolments the run considered.
   std::int32_t messages = 0;  // Messages it produced.
   std::string queue_path;     // Where they were queued (empty when not queued).

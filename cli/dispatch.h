@@ -5,13 +5,13 @@
 #ifndef QUILLO_CLI_DISPATCH_H_
 #define QUILLO_CLI_DISPATCH_H_
 
+#include <quillo/quillo.h>
+
 #include <initializer_list>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <quillo/quillo.h>
 
 namespace quillo::cli {
 

@@ -156,7 +156,8 @@ int main(int argc, char** argv) {
   send->add_option("--account", so.account, "Send from this SMTP account (its e-mail)");
   send->add_option("--templates", so.templates, "Folder for relative template names");
   send->add_option("--ca-file", so.ca_file, "Trust this CA certificate for smtps");
-  send->add_option("--timeout", so.timeout, "Seconds to wait for each reply")->capture_default_str();
+  send->add_option("--timeout", so.timeout, "Seconds to wait for each reply")
+      ->capture_default_str();
   send->add_flag("-q,--quiet", so.quiet, "No progress bar");
   send->callback([&] { action = [&] { CmdSend(g, so); }; });
 

@@ -181,13 +181,22 @@ namespace {
 
 void FillClient(const Dispatch& c, const std::map<std::string, std::string>& fields) {
   // Property names by lower-case CSV heading.
-  static const std::map<std::string, std::string> kProperty = {
-      {"email", "Email"},     {"first", "First"},     {"last", "Last"},
-      {"middle", "Middle"},   {"company", "Company"}, {"address", "Address"},
-      {"po", "PO"},           {"city", "city"},       {"state", "state"},
-      {"zip", "zip"},         {"country", "Country"}, {"title", "Title"},
-      {"workphone", "WorkPhone"}, {"homephone", "HomePhone"}, {"cellphone", "CellPhone"},
-      {"notes", "Notes"}};
+  static const std::map<std::string, std::string> kProperty = {{"email", "Email"},
+                                                               {"first", "First"},
+                                                               {"last", "Last"},
+                                                               {"middle", "Middle"},
+                                                               {"company", "Company"},
+                                                               {"address", "Address"},
+                                                               {"po", "PO"},
+                                                               {"city", "city"},
+                                                               {"state", "state"},
+                                                               {"zip", "zip"},
+                                                               {"country", "Country"},
+                                                               {"title", "Title"},
+                                                               {"workphone", "WorkPhone"},
+                                                               {"homephone", "HomePhone"},
+                                                               {"cellphone", "CellPhone"},
+                                                               {"notes", "Notes"}};
   for (const auto& [heading, value] : fields) {
     auto it = kProperty.find(heading);
     if (it != kProperty.end()) c.Put(it->second, value);
@@ -216,10 +225,17 @@ std::string AddClient(const Store& store, const std::map<std::string, std::strin
 
 void CmdClientAdd(const GlobalOptions& g, const ClientAdd& a) {
   Store store(g.db);
-  std::string account = AddClient(
-      store, {{"email", a.email}, {"first", a.first}, {"last", a.last}, {"middle", a.middle},
-              {"company", a.company}, {"address", a.address}, {"po", a.po}, {"city", a.city},
-              {"state", a.state}, {"zip", a.zip}, {"country", a.country}});
+  std::string account = AddClient(store, {{"email", a.email},
+                                          {"first", a.first},
+                                          {"last", a.last},
+                                          {"middle", a.middle},
+                                          {"company", a.company},
+                                          {"address", a.address},
+                                          {"po", a.po},
+                                          {"city", a.city},
+                                          {"state", a.state},
+                                          {"zip", a.zip},
+                                          {"country", a.country}});
   std::printf("%s\n", account.c_str());
 }
 
@@ -227,8 +243,8 @@ void CmdClientList(const GlobalOptions& g) {
   Store store(g.db);
   std::vector<std::vector<std::string>> rows;
   store.Query("SELECT * FROM dmclients ORDER BY EMail;", [&](const Row& r) {
-    rows.push_back({r.Text("Account"), r.Text("EMail"), Trim(r.Text("First") + " " + r.Text("Last")),
-                    r.Text("Company")});
+    rows.push_back({r.Text("Account"), r.Text("EMail"),
+                    Trim(r.Text("First") + " " + r.Text("Last")), r.Text("Company")});
   });
   PrintTable({"ACCOUNT", "EMAIL", "NAME", "COMPANY"}, rows);
 }
@@ -252,10 +268,10 @@ void CmdClientImport(const GlobalOptions& g, const std::string& csv_file) {
 namespace {
 
 void Enrol(const Store& store, const std::string& campaign, const std::string& client, Date date) {
-  Variant existing = store.Scalar("SELECT RecID FROM dmclientsmrktcmp WHERE CampaignRecID = '" +
-                                      SqlQuote(campaign) + "' AND Account = '" +
-                                      SqlQuote(client) + "';",
-                                  "RecID");
+  Variant existing =
+      store.Scalar("SELECT RecID FROM dmclientsmrktcmp WHERE CampaignRecID = '" +
+                       SqlQuote(campaign) + "' AND Account = '" + SqlQuote(client) + "';",
+                   "RecID");
   if (!existing.IsEmpty()) throw CommandError("client is enrolled already");
   Dispatch e = store.NewRecord("dmclientsmrktcmp");
   e.Put("Account", client);
@@ -281,8 +297,8 @@ void CmdEnrolList(const GlobalOptions& g, const std::string& campaign_name) {
       "dmclientsmrktcmp.Account = dmclients.account WHERE dmclientsmrktcmp.CampaignRecID = '" +
           SqlQuote(campaign) + "' ORDER BY dmclients.email;",
       [&](const Row& r) {
-        rows.push_back({r.Text("Account"), r.Text("Email"),
-                        DateText(r.Value("EffectiveDate").ToDate())});
+        rows.push_back(
+            {r.Text("Account"), r.Text("Email"), DateText(r.Value("EffectiveDate").ToDate())});
       });
   PrintTable({"ACCOUNT", "EMAIL", "SINCE"}, rows);
 }
@@ -296,8 +312,9 @@ void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign_name,
   for (const auto& row : rows) {
     ++line;
     try {
-      auto who = row.count("email") ? row.at("email") : row.count("account") ? row.at("account")
-                                                                             : std::string();
+      auto who = row.count("email")     ? row.at("email")
+                 : row.count("account") ? row.at("account")
+                                        : std::string();
       auto date = row.count("date") ? row.at("date") : std::string();
       Enrol(store, campaign, store.FindClient(who), DateOrToday(date));
       ++added;

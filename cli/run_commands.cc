@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "campaign/constants.h"
 #include "commands.h"
 #include "progress.h"
-#include "campaign/constants.h"
 
 namespace quillo::cli {
 
@@ -59,12 +59,13 @@ RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date 
   summary.messages = processor.GetObject("Messages").Get("Count").ToLong();
   summary.clients =
       store
-          .Scalar("SELECT COUNT(*) AS n FROM dmclientsmrktcmp INNER JOIN dmclients ON "
-                  "dmclientsmrktcmp.Account = dmclients.account WHERE "
-                  "dmclientsmrktcmp.CampaignRecID = '" +
-                      SqlQuote(campaign_id) + "' AND dmclientsmrktcmp.EffectiveDate <= " +
-                      "{d '" + FormatDate(date, "yyyy-mm-dd") + "'};",
-                  "n")
+          .Scalar(
+              "SELECT COUNT(*) AS n FROM dmclientsmrktcmp INNER JOIN dmclients ON "
+              "dmclientsmrktcmp.Account = dmclients.account WHERE "
+              "dmclientsmrktcmp.CampaignRecID = '" +
+                  SqlQuote(campaign_id) + "' AND dmclientsmrktcmp.EffectiveDate <= " + "{d '" +
+                  FormatDate(date, "yyyy-mm-dd") + "'};",
+              "n")
           .ToLong();
   summary.queue_path = queue ? queue.Text("MessageQueueFileName") : std::string();
   return summary;
@@ -90,7 +91,7 @@ void CmdSchedule(const GlobalOptions& g, const std::string& campaign_name,
   Dispatch calc = Dispatch::Create("dmdatecomputation");
   calc.Put("Campaign", campaign.object());
   calc.Put("ReferenceDate", date);
-  std::string description = ScheduleCodeDescription(code);
+  std::string description(ScheduleCodeDescription(code));
   std::printf("campaign:  %s\n", campaign.Text("CampaignName").c_str());
   std::printf("code:      %d%s%s\n", code, description.empty() ? "" : "  ", description.c_str());
   std::printf("reference: %s\n", FormatDate(date, "yyyy-mm-dd").c_str());

@@ -1,6 +1,7 @@
 // quillo send / preview: composing queued messages from their templates,
 // personalising them for their clients, and delivering them through the
 // library's SMTP client.
+#include <spdlog/spdlog.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -15,8 +16,6 @@
 #include "platform/tcp_socket.h"
 #include "platform/tls_socket.h"
 #include "progress.h"
-
-#include <spdlog/spdlog.h>
 
 namespace quillo::cli {
 
@@ -227,8 +226,7 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   }
   if (!FileExists(queue_file)) throw CommandError("no queue file '" + queue_file + "'");
 
-  SmtpSettings settings =
-      o.smtp.empty() ? AccountSettings(store, o.account) : ParseSmtpUrl(o.smtp);
+  SmtpSettings settings = o.smtp.empty() ? AccountSettings(store, o.account) : ParseSmtpUrl(o.smtp);
   if (!o.smtp.empty()) {
     SmtpSettings account;
     try {

@@ -121,8 +121,8 @@ Dispatch Store::LoadRecord(std::string_view table, const std::string& key) const
   }
   std::string found = Trim(record.Text(KeyColumn(table)));
   // LoadData leaves the record as it was when no row matches: look the key up.
-  Variant exists = Scalar("SELECT " + KeyColumn(table) + " FROM " + std::string(table) +
-                          " WHERE " + KeyColumn(table) + " = '" + SqlQuote(key) + "';",
+  Variant exists = Scalar("SELECT " + KeyColumn(table) + " FROM " + std::string(table) + " WHERE " +
+                              KeyColumn(table) + " = '" + SqlQuote(key) + "';",
                           KeyColumn(table));
   if (exists.IsEmpty() || found.empty()) {
     throw CommandError("no " + std::string(table) + " row with key '" + key + "'");

@@ -29,16 +29,16 @@
 
 #include "platform/collection.h"
 #include "platform/database.h"
-#include "platform/event_loop.h"
-#include "platform/schema.h"
-#include "platform/socket.h"
-#include "records/general_utilities.h"
 #include "platform/error.h"
+#include "platform/event_loop.h"
 #include "platform/object.h"
 #include "platform/regional.h"
+#include "platform/schema.h"
+#include "platform/socket.h"
 #include "platform/text.h"
 #include "platform/variant.h"
 #include "python_values.h"
+#include "records/general_utilities.h"
 
 namespace quillo::python {
 namespace {
@@ -417,7 +417,8 @@ PYBIND11_MODULE(quillo, m) {
       },
       "Opens a Connection (sqlite:PATH, sqlite::memory: or a PostgreSQL URI).");
   DefineFunction(
-      m, "CreateSchema", +[](std::shared_ptr<Connection> c) {
+      m, "CreateSchema",
+      +[](std::shared_ptr<Connection> c) {
         if (!c) Raise(err::kObjectNotSet);
         schema::Create(*c);
       },

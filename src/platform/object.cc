@@ -89,8 +89,7 @@ ObjectPtr Create(std::string_view name, bool allow_private) {
   {
     std::lock_guard<std::mutex> lock(r.mutex);
     auto it = r.classes.find(LCase(name));
-    if (it != r.classes.end() &&
-        (allow_private || it->second.creatable == Creatable::kPublic)) {
+    if (it != r.classes.end() && (allow_private || it->second.creatable == Creatable::kPublic)) {
       factory = it->second.factory;
     }
   }

@@ -348,7 +348,7 @@ struct ClassRegistrar {
 #define QUILLO_CONCAT_INNER(a, b) a##b
 #define QUILLO_CONCAT(a, b) QUILLO_CONCAT_INNER(a, b)
 // Registers class `Type` under its own name as Creatable::kPublic or kPrivate.
-#define QUILLO_REGISTER_CLASS(Type, creatable)                               \
+#define QUILLO_REGISTER_CLASS(Type, creatable)                                      \
   static const ::quillo::ClassRegistrar QUILLO_CONCAT(quillo_registrar_, __LINE__)( \
       #Type, [] { return ::quillo::ObjectPtr(std::make_shared<Type>()); }, creatable)
 

@@ -96,8 +96,8 @@ std::string FormatSignificant(double value, int digits) {
   if (std::isnan(value)) return "NaN";
   // to_chars, unlike printf, never follows the host's LC_NUMERIC.
   char buf[64];
-  auto written = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::scientific,
-                               digits - 1);
+  auto written =
+      std::to_chars(buf, buf + sizeof buf, value, std::chars_format::scientific, digits - 1);
   // buf = [-]d.ddddde[+-]xx
   std::string s(buf, written.ptr);
   size_t e = s.find('e');
@@ -115,7 +115,8 @@ std::string FormatSignificant(double value, int digits) {
     out = all_digits.substr(0, 1);
     if (all_digits.size() > 1) out.append(".").append(all_digits, 1);
     char exp_text[16];
-    std::snprintf(exp_text, sizeof exp_text, "E%c%02d", exponent < 0 ? '-' : '+', std::abs(exponent));
+    std::snprintf(exp_text, sizeof exp_text, "E%c%02d", exponent < 0 ? '-' : '+',
+                  std::abs(exponent));
     out += exp_text;
   } else if (exponent < 0) {
     out.assign("0.").append(static_cast<size_t>(-exponent - 1), '0').append(all_digits);
@@ -151,10 +152,10 @@ Variant::Variant(long x) {
 }
 
 VarType Variant::Type() const {
-  static constexpr VarType kTypes[] = {
-      VarType::kEmpty,    VarType::kNull, VarType::kInteger, VarType::kLong,
-      VarType::kSingle,   VarType::kDouble, VarType::kCurrency, VarType::kDate,
-      VarType::kString,   VarType::kBoolean, VarType::kObject};
+  static constexpr VarType kTypes[] = {VarType::kEmpty,    VarType::kNull,   VarType::kInteger,
+                                       VarType::kLong,     VarType::kSingle, VarType::kDouble,
+                                       VarType::kCurrency, VarType::kDate,   VarType::kString,
+                                       VarType::kBoolean,  VarType::kObject};
   return kTypes[v_.index()];
 }
 

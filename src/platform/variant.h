@@ -77,8 +77,8 @@ class Variant {
   Variant(const char* x) : v_(std::string(x)) {}
   Variant(bool x) : v_(x) {}
   Variant(ObjectPtr x) : v_(std::move(x)) {}
-  template <class T, class = std::enable_if_t<std::is_base_of_v<Object, T> &&
-                                              !std::is_same_v<T, Object>>>
+  template <class T,
+            class = std::enable_if_t<std::is_base_of_v<Object, T> && !std::is_same_v<T, Object>>>
   Variant(std::shared_ptr<T> x) : v_(ObjectPtr(std::move(x))) {}
 
   // The kind of value held.

@@ -26,3 +26,18 @@ def quillo():
 def t(quillo):
     """A fresh QuilloTestClass."""
     return quillo.CreateObject("QuilloTestClass")
+
+
+@pytest.fixture
+def raises_error(quillo):
+    """`with raises_error(number):` expects a quillo.RuntimeError with that number."""
+    import contextlib
+
+    @contextlib.contextmanager
+    def expect(number):
+        with pytest.raises(quillo.RuntimeError) as caught:
+            yield caught
+        assert caught.value.number == number, "error %d (%s), expected %d" % (
+            caught.value.number, caught.value.description, number)
+
+    return expect
