@@ -49,23 +49,47 @@ def cli(tmp_path):
     return c
 
 
-@pytest.fixture
-def maildir_server(tmp_path):
-    box = tmp_path / "Maildir"
-    port_file = tmp_path / "smtp.port"
-    server = subprocess.Popen([sys.executable, SMTPD, "--maildir", str(box), "--port-file", str(port_file),
-                               "--seconds", "60"])
-    try:
+class MaildirServer:
+    """aiosmtpd on loopback, filing what it accepts in a Maildir; stops by itself."""
+
+    def __init__(self, folder, *options):
+        self.box = folder / "Maildir"
+        port_file = folder / "smtp.port"
+        self.process = subprocess.Popen([sys.executable, SMTPD, "--maildir", str(self.box),
+                                         "--port-file", str(port_file), "--seconds", "60",
+                                         *options])
         for _ in range(200):
             if port_file.exists() and port_file.read_text().strip():
                 break
             time.sleep(0.05)
         else:
+            self.stop()
             pytest.fail("the SMTP server did not start")
-        yield int(port_file.read_text()), box
-    finally:
-        server.terminate()
-        server.wait(timeout=10)
+        self.port = int(port_file.read_text())
+
+    def messages(self):
+        found = {}
+        for _key, msg in mailbox.Maildir(str(self.box), create=False).items():
+            parsed = email.message_from_bytes(msg.as_bytes(), policy=email.policy.default)
+            found.setdefault(str(parsed["To"]), []).append(parsed)
+        return found
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(timeout=10)
+
+
+@pytest.fixture
+def smtp_server(tmp_path):
+    servers = []
+
+    def start(*options):
+        servers.append(MaildirServer(tmp_path, *options))
+        return servers[-1]
+
+    yield start
+    for server in servers:
+        server.stop()
 
 
 def welcome_campaign(cli):
@@ -153,25 +177,118 @@ def test_sending_to_a_closed_port_fails_without_losing_the_queue(cli, tmp_path):
     assert cli.out("queue", "count", str(queue)).strip() == "2"
 
 
-def test_send_delivers_personalised_mail_to_a_real_server(cli, tmp_path, maildir_server):
-    port, box = maildir_server
-    welcome_campaign(cli)
-    cli.run("account", "add", "--email", "news@quillo.example", "--server", "127.0.0.1", "--port",
-            str(port), "--friendly", "Quillo News", "--default")
+def queue_for_day0(cli, tmp_path):
     queue = tmp_path / "q.txt"
     cli.run("run", "--campaign", "Welcome", "--date", "2026-03-01", "--queue", str(queue), "-q")
-    cli.run("send", "--queue", str(queue), "--templates", str(tmp_path), "-q")
+    return queue
 
-    got = {}
-    for _key, msg in mailbox.Maildir(str(box), create=False).items():
-        parsed = email.message_from_bytes(msg.as_bytes(), policy=email.policy.default)
-        got[str(parsed["To"])] = parsed
+
+def test_send_delivers_personalised_mail_to_a_real_server(cli, tmp_path, smtp_server):
+    server = smtp_server()
+    welcome_campaign(cli)
+    cli.run("account", "add", "--email", "news@quillo.example", "--server", "127.0.0.1", "--port",
+            str(server.port), "--friendly", "Quillo News", "--default")
+    assert "news@quillo.example" in cli.out("account", "list")
+    queue = queue_for_day0(cli, tmp_path)
+    summary = cli.out("send", "--queue", str(queue), "--templates", str(tmp_path), "-q")
+    assert "sent 2, refused 0, failed 0" in summary
+
+    got = server.messages()
     assert sorted(got) == ["ada@example.test", "alan@example.test"]
     for mail, name in [("ada@example.test", "Ada"), ("alan@example.test", "Alan")]:
-        parsed = got[mail]
+        (parsed,) = got[mail]
         assert parsed["Subject"] == "Welcome!"
         assert "news@quillo.example" in str(parsed["From"])
         assert "Dear %s," % name in parsed.get_content()
+
+
+def test_sending_a_queue_twice_does_not_repeat_accepted_messages(cli, tmp_path, smtp_server):
+    server = smtp_server()
+    welcome_campaign(cli)
+    queue = queue_for_day0(cli, tmp_path)
+    url = "smtp://127.0.0.1:%d" % server.port
+    cli.run("send", "--queue", str(queue), "--smtp", url, "-q")
+    again = cli.out("send", "--queue", str(queue), "--smtp", url, "-q")
+    assert "sent 0" in again and "already sent 2" in again
+    assert {k: len(v) for k, v in server.messages().items()} == {"ada@example.test": 1,
+                                                                 "alan@example.test": 1}
+
+
+def test_a_refused_recipient_is_not_logged_and_is_tried_again(cli, tmp_path, smtp_server):
+    server = smtp_server("--refuse", "alan@example.test")
+    welcome_campaign(cli)
+    queue = queue_for_day0(cli, tmp_path)
+    url = "smtp://127.0.0.1:%d" % server.port
+    first = cli.run("send", "--queue", str(queue), "--smtp", url, "-q", check=False)
+    assert "sent 1, refused 1" in first.stdout
+    again = cli.run("send", "--queue", str(queue), "--smtp", url, "-q", check=False)
+    assert "sent 0, refused 1" in again.stdout and "already sent 1" in again.stdout
+    assert sorted(server.messages()) == ["ada@example.test"]
+
+
+def test_auth_login_takes_the_password_from_the_environment(cli, tmp_path, smtp_server):
+    server = smtp_server("--auth", "mailer:s3cret")
+    welcome_campaign(cli)
+    queue = queue_for_day0(cli, tmp_path)
+    url = "smtp://mailer@127.0.0.1:%d" % server.port
+    env = dict(os.environ, QUILLO_SMTP_PASSWORD="s3cret")
+    done = cli.run("--verbose", "send", "--queue", str(queue), "--smtp", url, "-q", env=env)
+    assert "sent 2" in done.stdout
+    assert "s3cret" not in done.stdout + done.stderr
+    assert sorted(server.messages()) == ["ada@example.test", "alan@example.test"]
+
+
+def test_auth_without_a_password_is_a_clear_error(cli, tmp_path, smtp_server):
+    server = smtp_server("--auth", "mailer:s3cret")
+    welcome_campaign(cli)
+    queue = queue_for_day0(cli, tmp_path)
+    env = {k: v for k, v in os.environ.items() if k != "QUILLO_SMTP_PASSWORD"}
+    done = subprocess.run([QUILLO, "--db", cli.db, "send", "--queue", str(queue), "--smtp",
+                           "smtp://mailer@127.0.0.1:%d" % server.port, "-q"],
+                          cwd=tmp_path, capture_output=True, text=True, timeout=60, env=env,
+                          stdin=subprocess.DEVNULL)
+    assert done.returncode != 0
+    assert "QUILLO_SMTP_PASSWORD" in done.stderr
+    assert server.messages() == {}
+
+
+def test_smtps_sends_over_implicit_tls_to_a_trusted_certificate(cli, tmp_path, smtp_server):
+    cert, key = tmp_path / "cert.pem", tmp_path / "key.pem"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+                    "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
+                    "-keyout", str(key), "-out", str(cert)], check=True, capture_output=True,
+                   timeout=60)
+    server = smtp_server("--tls", "%s:%s" % (cert, key))
+    welcome_campaign(cli)
+    queue = queue_for_day0(cli, tmp_path)
+    done = cli.run("send", "--queue", str(queue), "--smtp", "smtps://127.0.0.1:%d" % server.port,
+                   "--ca-file", str(cert), "-q")
+    assert "sent 2" in done.stdout
+    assert sorted(server.messages()) == ["ada@example.test", "alan@example.test"]
+
+
+def test_smtps_refuses_an_untrusted_certificate(cli, tmp_path, smtp_server):
+    cert, key = tmp_path / "cert.pem", tmp_path / "key.pem"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+                    "-subj", "/CN=127.0.0.1", "-keyout", str(key), "-out", str(cert)],
+                   check=True, capture_output=True, timeout=60)
+    server = smtp_server("--tls", "%s:%s" % (cert, key))
+    welcome_campaign(cli)
+    queue = queue_for_day0(cli, tmp_path)
+    done = cli.run("send", "--queue", str(queue), "--smtp", "smtps://127.0.0.1:%d" % server.port,
+                   "--timeout", "10", "-q", check=False)
+    assert done.returncode != 0
+    assert server.messages() == {}
+
+
+def test_run_and_send_in_one_go(cli, tmp_path, smtp_server):
+    server = smtp_server()
+    welcome_campaign(cli)
+    done = cli.run("send", "--campaign", "Welcome", "--date", "2026-03-03", "--smtp",
+                   "smtp://127.0.0.1:%d" % server.port, "--templates", str(tmp_path), "-q")
+    assert "sent" in done.stdout
+    subjects = sorted(m["Subject"] for msgs in server.messages().values() for m in msgs)
+    assert "Day two" in subjects
 
 
 def test_record_export_then_import_round_trips_a_row(cli, tmp_path):
@@ -191,3 +308,58 @@ def test_record_export_then_import_round_trips_a_row(cli, tmp_path):
     again = other.out("record", "export", "dmclients", fresh)
     assert "<EMAIL>grace@example.test</EMAIL>" in again
     assert "<CITY>Boston</CITY>" in again
+
+
+def test_schedule_shows_the_run_dates_and_the_code_text(cli):
+    cli.run("campaign", "add", "--name", "Monthly", "--type", "203", "--interval", "15")
+    shown = cli.out("schedule", "--campaign", "Monthly", "--date", "2026-03-01")
+    lines = dict(line.split(":", 1) for line in shown.strip().split("\n"))
+    assert lines["code"].strip().startswith("203")
+    assert lines["next"].strip() == "2026-03-15"
+    assert lines["previous"].strip() == "2026-02-15"
+
+
+def test_enrol_import_reads_email_and_date_rows(cli, tmp_path):
+    welcome_campaign(cli)
+    cli.run("client", "add", "--email", "grace@example.test")
+    (tmp_path / "enrol.csv").write_text("email,date\ngrace@example.test,2026-02-27\n")
+    cli.run("enrol", "import", "--campaign", "Welcome", str(tmp_path / "enrol.csv"))
+    assert "2026-02-27" in cli.out("enrol", "list", "--campaign", "Welcome")
+
+
+@pytest.mark.parametrize("args, message", [
+    (["run", "--campaign", "Welcome", "--date", "2026-02-30"], "date"),
+    (["run", "--campaign", "Welcome", "--date", "yesterday"], "date"),
+    (["enrol", "add", "--campaign", "Welcome", "--client", "nobody@example.test"], "nobody"),
+    (["queue", "count", "no-such-queue.txt"], "no-such-queue.txt"),
+    (["record", "export", "nosuchtable", "x"], "nosuchtable"),
+    (["record", "import", "dmclients", "missing.xml"], "missing.xml"),
+    (["preview", "--template", "missing.txt", "--client", "ada@example.test"], "missing.txt"),
+    (["send", "--queue", "q.txt", "--smtp", "ftp://127.0.0.1"], "ftp://127.0.0.1"),
+])
+def test_bad_input_is_a_one_line_error(cli, args, message):
+    welcome_campaign(cli)
+    (cli.folder / "q.txt").write_text("")
+    done = cli.run(*args, check=False)
+    assert done.returncode != 0
+    assert done.stderr.startswith("quillo: error: "), done.stderr
+    assert done.stderr.strip().count("\n") == 0
+    assert message in done.stderr
+
+
+def test_every_command_has_help(cli):
+    for command in ["init", "campaign", "client", "enrol", "account", "run", "send", "schedule",
+                    "queue", "record", "preview"]:
+        assert "Usage" in cli.out(command, "--help")
+
+
+def test_a_postgresql_uri_works_like_a_file(tmp_path):
+    uri = os.environ.get("QUILLO_TEST_PG")
+    if not uri:
+        pytest.skip("QUILLO_TEST_PG names no PostgreSQL test server")
+    cli = Cli(tmp_path)
+    cli.db = uri
+    cli.run("init")
+    name = "Pg campaign %d" % os.getpid()
+    cli.run("campaign", "add", "--name", name, "--type", "2")
+    assert name in cli.out("campaign", "list")
