@@ -65,6 +65,7 @@ struct SendOptions {
   std::string ca_file;    // Extra CA certificate for smtps.
   std::int32_t timeout = 60;
   bool quiet = false;
+  bool timings = false;  // Print where the time of the sending loop went.
 };
 
 void CmdInit(const GlobalOptions& g);

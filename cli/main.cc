@@ -159,6 +159,7 @@ int main(int argc, char** argv) {
   send->add_option("--timeout", so.timeout, "Seconds to wait for each reply")
       ->capture_default_str();
   send->add_flag("-q,--quiet", so.quiet, "No progress bar");
+  send->add_flag("--timings", so.timings, "Print the time spent in each stage of sending");
   send->callback([&] { action = [&] { CmdSend(g, so); }; });
 
   // schedule

@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -210,6 +211,37 @@ class OfflineSocket : public SocketControl {
   int16_t state_ = kClosed;
 };
 
+// Wall time of the sending loop split by stage: the database lookups before a
+// message (already sent? the client, the subject), composing and delivering it
+// (template, personalisation, the SMTP session) and logging the accepted ones.
+enum class Stage { kNone, kLookup, kDeliver, kLog, kCount };
+
+class StageClock {
+ public:
+  void Enter(Stage next) {
+    auto now = std::chrono::steady_clock::now();
+    if (current_ != Stage::kNone) spent_[static_cast<int>(current_)] += now - since_;
+    current_ = next;
+    since_ = now;
+  }
+  void Stop() { Enter(Stage::kNone); }
+  void Print() const {
+    static const char* const kNames[] = {"", "lookups", "compose and deliver", "log sent items"};
+    std::chrono::duration<double> total{};
+    for (const auto& d : spent_) total += d;
+    for (int i = 1; i < static_cast<int>(Stage::kCount); ++i) {
+      double seconds = std::chrono::duration<double>(spent_[i]).count();
+      std::printf("  %-20s %9.3f s  %5.1f %%\n", kNames[i], seconds,
+                  total.count() > 0 ? 100.0 * seconds / total.count() : 0.0);
+    }
+  }
+
+ private:
+  Stage current_ = Stage::kNone;
+  std::chrono::steady_clock::time_point since_;
+  std::chrono::steady_clock::duration spent_[static_cast<int>(Stage::kCount)]{};
+};
+
 }  // namespace
 
 void CmdSend(const GlobalOptions& g, const SendOptions& o) {
@@ -243,8 +275,10 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   Progress progress(!o.quiet && isatty(STDOUT_FILENO));
   int sent = 0, refused = 0, failed = 0, skipped = 0;
   long done = 0;
+  StageClock clock;
   for (const QueuedMessage& m : messages) {
     progress.Update(++done, static_cast<long>(messages.size()), m.email);
+    clock.Enter(Stage::kLookup);
     if (AlreadySent(store, m)) {
       ++skipped;
       continue;
@@ -257,12 +291,14 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
       std::fprintf(stderr, "quillo: %s: %s\n", m.email.c_str(), e.what());
       continue;
     }
+    std::string subject = SubjectFor(store, m);
+    clock.Enter(Stage::kDeliver);
     Dispatch smtp = NewClient(settings);
     Dispatch message = Dispatch::Create("dmMessage");
     message.Put("Connection", store.connection_object());
     message.Put("esmtp", smtp.object());
     message.Put("Client", client.object());
-    message.Put("Subject", SubjectFor(store, m));
+    message.Put("Subject", subject);
     message.Put("MessageFileName", ResolveTemplate(m.message_file, o.templates));
     if (message.Get("Error").ToBool()) {
       ++failed;
@@ -288,6 +324,7 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
     Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &detail);
     spdlog::debug("{}: {}", m.email, detail);
     if (outcome == Outcome::kAccepted) {
+      clock.Enter(Stage::kLog);
       Dispatch log = store.NewRecord("dmsentitems");
       log.Put("Account", m.account);
       log.Put("CampaignItemRecID", m.item_id);
@@ -304,9 +341,11 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
       std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), detail.c_str());
     }
   }
+  clock.Stop();
   progress.Finish();
   std::printf("sent %d, refused %d, failed %d, already sent %d (of %zu queued)\n", sent, refused,
               failed, skipped, messages.size());
+  if (o.timings) clock.Print();
 }
 
 void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client_key,
