@@ -241,7 +241,10 @@ TEST_P(DatabaseEngineTest, SchemaCreatesFourteenTablesIdempotently) {
     ix.Open("SELECT name FROM sqlite_master WHERE type = 'index' AND name LIKE 'ix_%'", conn_,
             kAdOpenStatic);
   } else {
-    ix.Open("SELECT indexname FROM pg_indexes WHERE indexname LIKE 'ix_%'", conn_, kAdOpenStatic);
+    ix.Open(
+        "SELECT indexname FROM pg_indexes WHERE indexname LIKE 'ix_%' AND schemaname = "
+        "current_schema()",
+        conn_, kAdOpenStatic);
   }
   EXPECT_EQ(ix.RecordCount(), 9);
 }

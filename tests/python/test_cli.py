@@ -357,8 +357,15 @@ def test_a_postgresql_uri_works_like_a_file(tmp_path):
     uri = os.environ.get("QUILLO_TEST_PG")
     if not uri:
         pytest.skip("QUILLO_TEST_PG names no PostgreSQL test server")
+    # A database of its own on the test server, so that the tables it creates
+    # meet no other suite's.
+    name = "quillo_cli_%d" % os.getpid()
+    admin = subprocess.run(["psql", uri, "-qc", "DROP DATABASE IF EXISTS %s" % name, "-c",
+                            "CREATE DATABASE %s" % name], capture_output=True, text=True,
+                           timeout=60)
+    assert admin.returncode == 0, admin.stderr
     cli = Cli(tmp_path)
-    cli.db = uri
+    cli.db = uri.rsplit("/", 1)[0] + "/" + name
     cli.run("init")
     name = "Pg campaign %d" % os.getpid()
     cli.run("campaign", "add", "--name", name, "--type", "2")
