@@ -98,3 +98,29 @@ def check_delete_removes_the_row(cls, tmp_path):
     # under a fresh one.
     assert record.SaveData() is True, record.ErrorMessage
     assert record.RecID != key and len(record.RecID) == 32
+
+
+def define_tests(namespace, cls, element, fields):
+    """Puts this class's tests into a test module's namespace, where pytest finds them."""
+
+    def test_fields_start_empty():
+        check_fields_start_empty(cls, fields)
+
+    def test_each_field_keeps_its_value():
+        check_each_field_keeps_its_value(cls, fields)
+
+    def test_number_fields_take_numeric_text_and_refuse_other_text():
+        check_number_fields_refuse_text(cls, fields)
+
+    def test_xml_lists_the_fields_in_table_order():
+        check_xml_lists_the_fields_in_table_order(cls, fields, element)
+
+    def test_save_load_and_xml_round_trip(tmp_path):
+        check_save_load_and_xml_round_trip(cls, fields, tmp_path)
+
+    def test_delete_removes_the_row(tmp_path):
+        check_delete_removes_the_row(cls, tmp_path)
+
+    for name, test in list(locals().items()):
+        if name.startswith("test_"):
+            namespace[name] = test
