@@ -45,14 +45,29 @@ for _ in $(seq 100); do [ -s "$WORK/sink.port" ] && break; sleep 0.1; done
 t3=$(now)
 /usr/bin/time -f "send process: %e s wall, %U s user, %S s sys" "$BUILD/cli/quillo" --db "sqlite:$WORK/e2e.db" send --queue "$WORK/queue.txt" --smtp "smtp://127.0.0.1:$(cat "$WORK/sink.port")" -q --timings
 t4=$(now)
+# Anchor in the same run: Python's smtplib doing the same dialogue with a
+# message of the same size, one connection per message, to the same sink. It
+# does no database work and no composing, so it is the sink's ceiling.
+t5=$(now)
+/usr/bin/python3 - "$(cat "$WORK/sink.port")" "$N" <<'PY'
+import smtplib, sys
+port, n = int(sys.argv[1]), int(sys.argv[2])
+body = "Subject: Bench note\r\n\r\n" + "x" * 200 + "\r\n"
+for i in range(n):
+    s = smtplib.SMTP("127.0.0.1", port)
+    s.sendmail("news@quillo.example", ["c%d@example.test" % i], body)
+    s.quit()
+PY
+t6=$(now)
 kill "$SINK" && wait "$SINK" || true
 SINK=
 
-seed=$(secs "$t0" "$t1") run=$(secs "$t1" "$t2") send=$(secs "$t3" "$t4")
-awk -v n="$N" -v seed="$seed" -v run="$run" -v send="$send" 'BEGIN {
+seed=$(secs "$t0" "$t1") run=$(secs "$t1" "$t2") send=$(secs "$t3" "$t4") anchor=$(secs "$t5" "$t6")
+awk -v n="$N" -v seed="$seed" -v run="$run" -v send="$send" -v anchor="$anchor" 'BEGIN {
   total = run + send
   printf "\n%d messages: seed %.1f s (not counted), run %.2f s, send %.2f s\n", n, seed, run, send
   printf "end to end (run + send): %.0f messages/s\n", n / total
   printf "stage shares: run %.1f %%, send %.1f %%\n", 100 * run / total, 100 * send / total
   printf "run alone: %.0f messages/s; send alone: %.0f messages/s\n", n / run, n / send
+  printf "anchor (smtplib to the same sink, no database): %.0f messages/s; send / anchor = %.2f\n", n / anchor, anchor / send
 }'
