@@ -26,10 +26,17 @@ InstalledClock& Installed() {
 
 Date SystemNow() {
   std::time_t seconds = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  // The local time only changes with the second (offsets change on whole
+  // seconds too), and callers such as reply deadlines ask many times a second.
+  thread_local std::time_t cached_seconds = -1;
+  thread_local Date cached;
+  if (seconds == cached_seconds) return cached;
   std::tm local{};
   if (localtime_r(&seconds, &local) == nullptr) Raise(err::kOverflow, "Cannot read the local time");
-  return DateFromParts(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                       local.tm_min, local.tm_sec);
+  cached = DateFromParts(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                         local.tm_min, local.tm_sec);
+  cached_seconds = seconds;
+  return cached;
 }
 
 Date Now() {
