@@ -205,6 +205,21 @@ const std::string& PgBenchText() {
   return text;
 }
 
+// Reads the row of a point select (if any) the way the library's callers do,
+// then frees the result; true when the key was found.
+bool ConsumeRow(PGresult* r) {
+  const bool found = PQntuples(r) == 1;
+  if (found) {
+    std::string id(PQgetvalue(r, 0, 0));
+    std::string name(PQgetvalue(r, 0, 1));
+    Consume(id);
+    Consume(name);
+    Consume(std::atoi(PQgetvalue(r, 0, 2)));
+  }
+  PQclear(r);
+  return found;
+}
+
 class PgAnchor {
  public:
   PgAnchor() : c_(PQconnectdb(PgBenchText().c_str())) {
@@ -215,16 +230,7 @@ class PgAnchor {
     const std::string k = keys_.Next();
     const char* values[] = {k.c_str()};
     PGresult* r = PQexecPrepared(c_, "anchor", 1, values, nullptr, nullptr, 0);
-    const bool found = PQntuples(r) == 1;
-    if (found) {
-      std::string id(PQgetvalue(r, 0, 0));
-      std::string name(PQgetvalue(r, 0, 1));
-      Consume(id);
-      Consume(name);
-      Consume(std::atoi(PQgetvalue(r, 0, 2)));
-    }
-    PQclear(r);
-    return found;
+    return ConsumeRow(r);
   }
 
  private:
@@ -239,16 +245,7 @@ class PgFresh {
   bool Step() {
     const std::string sql = std::string(kSelect) + "'" + keys_.Next() + "'";
     PGresult* r = PQexec(c_, sql.c_str());
-    const bool found = PQntuples(r) == 1;
-    if (found) {
-      std::string id(PQgetvalue(r, 0, 0));
-      std::string name(PQgetvalue(r, 0, 1));
-      Consume(id);
-      Consume(name);
-      Consume(std::atoi(PQgetvalue(r, 0, 2)));
-    }
-    PQclear(r);
-    return found;
+    return ConsumeRow(r);
   }
 
  private:
