@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 
 #include "platform/error.h"
 
@@ -185,12 +186,13 @@ void TcpSocketControl::ReadAvailable() {
       rx_.clear();
       rx_pos_ = 0;
     }
-    const size_t old_size = rx_.size();
-    rx_.resize(old_size + kReadChunk);
+    // Read into a scratch chunk and append what came: growing rx_ by a whole
+    // chunk first would zero-fill 64 kB for every reply of a few bytes.
+    thread_local const std::unique_ptr<char[]> chunk(new char[kReadChunk]);
     bool would_block = false;
     std::string failure;
-    const long n = RawRecv(rx_.data() + old_size, kReadChunk, &would_block, &failure);
-    rx_.resize(old_size + (n > 0 ? static_cast<size_t>(n) : 0));
+    const long n = RawRecv(chunk.get(), kReadChunk, &would_block, &failure);
+    if (n > 0) rx_.append(chunk.get(), static_cast<size_t>(n));
     if (n > 0) {
       new_data_ = true;
       // A short read drained the socket; anything later is reported by poll.
