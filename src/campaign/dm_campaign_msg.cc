@@ -2,6 +2,11 @@
 
 namespace quillo {
 
+const std::string& SharedText::Empty() {
+  static const std::string empty;
+  return empty;
+}
+
 // Each property is published setter first, then getter, in the message's
 // interface order.
 #define QUILLO_MSG_PROPERTY(b, Name)                 \

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/db/backend.h"
 #include "platform/error.h"
 #include "platform/format.h"
 #include "platform/text.h"
@@ -19,6 +20,23 @@ namespace {
 bool IsPlaceholderAddress(const std::string& email) {
   return EqualsIgnoreCase(Left(email, 4), "~tmp");
 }
+
+// `slot`, renewed first when its text is no longer `source`.
+const SharedText& Current(SharedText& slot, const std::string& source) {
+  if (!slot.Equals(source)) slot = SharedText(source);
+  return slot;
+}
+
+// True when `text` goes into a quoted SQL literal unchanged, so that binding
+// it as a parameter asks exactly what the literal text asks.
+bool PlainLiteral(std::string_view text) {
+  return text.find_first_of(std::string_view("'\\\0", 3)) == std::string_view::npos;
+}
+
+// Enrolment rows between renewals of the read snapshot held for the
+// sent-item queries: rows written by others meanwhile are seen within a few
+// milliseconds, while the engine's locks are taken once per batch.
+constexpr std::int32_t kRowsPerReadHold = 64;
 
 }  // namespace
 
@@ -143,7 +161,43 @@ std::shared_ptr<Recordset> dmCampaignProcessor::OpenEnrolments() {
   return rs;
 }
 
+void dmCampaignProcessor::BeginSentItemQueries() {
+  EndSentItemQueries();
+  if (!connection_ || connection_->State() != kAdStateOpen) return;
+  db::Backend& backend = connection_->Backend();
+  sent_query_ = backend.Prepare(
+      "SELECT RecID FROM dmsentitems WHERE CampaignRecID = ? AND CampaignItemRecID = ? AND "
+      "Account = ?;");
+  sent_query_backend_ = backend.Serial();
+}
+
+void dmCampaignProcessor::EndSentItemQueries() {
+  read_hold_.reset();
+  sent_query_.reset();
+  rows_since_hold_ = 0;
+}
+
+void dmCampaignProcessor::NextEnrolmentRow() {
+  if (++rows_since_hold_ >= kRowsPerReadHold) {
+    read_hold_.reset();
+    rows_since_hold_ = 0;
+  }
+}
+
 bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::string& account) {
+  // The prepared query answers what the text below asks whenever the values
+  // stand in its quotes unchanged; anything else (a value with a quote, a
+  // closed or replaced connection, an engine failure) takes the text path,
+  // which gives the engine's own answer.
+  const std::string& campaign_id = campaign_->RecID();
+  if (sent_query_ && PlainLiteral(campaign_id) && PlainLiteral(item.RecID()) &&
+      PlainLiteral(account) && connection_->State() == kAdStateOpen &&
+      connection_->Backend().Serial() == sent_query_backend_) {
+    if (!read_hold_) read_hold_ = connection_->Backend().HoldRead();
+    const std::string_view values[3] = {campaign_id, item.RecID(), account};
+    if (std::optional<bool> found = sent_query_->HasRow(values)) return *found;
+    EndSentItemQueries();
+  }
   SQLStatement& st = Statement();
   st.Connection(connection_);
   st.Sql("SELECT RecID FROM dmsentitems WHERE CampaignRecID = '" + campaign_->RecID() + "' " +
@@ -162,17 +216,24 @@ std::shared_ptr<dmclientsmrktcmp> dmCampaignProcessor::LoadEnrolment(
 }
 
 void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
-                                   const dmmrktcmpitems& item) {
+                                   const dmmrktcmpitems& item, size_t index) {
+  if (item_texts_.size() <= index) item_texts_.resize(index + 1);
+  ItemTexts& it = item_texts_[index];
+  if (texts_.campaign_type.str().empty() ||
+      texts_.campaign_type_value != campaign_->CampaignType()) {
+    texts_.campaign_type_value = campaign_->CampaignType();
+    texts_.campaign_type = SharedText(std::to_string(texts_.campaign_type_value));
+  }
   auto msg = std::make_shared<dmCampaignMsg>();
-  msg->Account(enrolment.Account());
-  msg->CampaignName(campaign_->CampaignName());
-  msg->CampaignType(std::to_string(campaign_->CampaignType()));
-  msg->CampaignRecID(item.CampaignRecID());
-  msg->CampaignItemRecID(item.RecID());
-  msg->Email(email);
-  msg->MessageFileName(item.MessageFileName());
-  msg->HistoryRecID(history_->RecID());
-  msg->SendDate(send_date_);
+  msg->Account(Current(texts_.account, enrolment.Account()));
+  msg->CampaignName(Current(texts_.campaign_name, campaign_->CampaignName()));
+  msg->CampaignType(texts_.campaign_type);
+  msg->CampaignRecID(Current(it.campaign_rec_id, item.CampaignRecID()));
+  msg->CampaignItemRecID(Current(it.rec_id, item.RecID()));
+  msg->Email(Current(texts_.email, email));
+  msg->MessageFileName(Current(it.message_file_name, item.MessageFileName()));
+  msg->HistoryRecID(Current(texts_.history_rec_id, history_->RecID()));
+  msg->SendDate(Current(texts_.send_date, send_date_));
   Messages()->Add(msg);
   if (use_message_queue_) {
     if (!message_queue_) message_queue_ = std::make_shared<dmmsgqueue>();
@@ -192,13 +253,27 @@ void dmCampaignProcessor::RaiseStatusChange(std::string& message, std::int32_t& 
   total = args[2].ToLong();
 }
 
+// Prepares the sent-item query for the length of one procedure.
+class dmCampaignProcessor::SentItemQueries {
+ public:
+  explicit SentItemQueries(dmCampaignProcessor& p) : p_(p) { p_.BeginSentItemQueries(); }
+  ~SentItemQueries() { p_.EndSentItemQueries(); }
+  SentItemQueries(const SentItemQueries&) = delete;
+  SentItemQueries& operator=(const SentItemQueries&) = delete;
+
+ private:
+  dmCampaignProcessor& p_;
+};
+
 void dmCampaignProcessor::ProcessSequentialOffset() {
   auto rs = OpenEnrolments();
   std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
   std::int32_t cnt = 0;
   ItemList& items = *CampaignItems();
+  SentItemQueries queries(*this);
   while (!rs->Eof()) {
     ++cnt;
+    NextEnrolmentRow();
     std::string email;
     auto enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
@@ -210,7 +285,7 @@ void dmCampaignProcessor::ProcessSequentialOffset() {
         std::int16_t days = RoundToInteger(
             static_cast<double>(DateDiff("d", enrolment->EffectiveDate(), current_date_)));
         std::int16_t interval = RoundToInteger(item.Interval());
-        if (days >= interval) HandOver(*enrolment, email, item);
+        if (days >= interval) HandOver(*enrolment, email, item, static_cast<size_t>(i - 1));
       }
     }
     rs->MoveNext();
@@ -222,8 +297,10 @@ void dmCampaignProcessor::ProcessIncremental() {
   std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
   std::int32_t cnt = 0;
   ItemList& items = *CampaignItems();
+  SentItemQueries queries(*this);
   while (!rs->Eof()) {
     ++cnt;
+    NextEnrolmentRow();
     std::string email;
     auto enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
@@ -231,7 +308,7 @@ void dmCampaignProcessor::ProcessIncremental() {
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
         if (!AlreadySent(item, enrolment->Account())) {
-          HandOver(*enrolment, email, item);
+          HandOver(*enrolment, email, item, static_cast<size_t>(i - 1));
           break;
         }
       }
@@ -247,7 +324,9 @@ void dmCampaignProcessor::ProcessStandardList() {
     std::string email;
     auto enrolment = LoadEnrolment(rs, &email);
     if (!IsPlaceholderAddress(email)) {
-      for (std::int32_t i = 1; i <= items.Count(); ++i) HandOver(*enrolment, email, *items.Item(i));
+      for (std::int32_t i = 1; i <= items.Count(); ++i) {
+        HandOver(*enrolment, email, *items.Item(i), static_cast<size_t>(i - 1));
+      }
     }
     rs->MoveNext();
   }

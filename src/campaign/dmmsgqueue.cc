@@ -214,16 +214,20 @@ std::shared_ptr<dmCampaignMsg> dmmsgqueue::ReadMessage() {
     read_failed_ = true;
     return nullptr;
   }
+  // Fields equal to the previous record's share its texts.
+  for (int i = 0; i < 9; ++i) {
+    if (!last_fields_[i].Equals(f[i])) last_fields_[i] = SharedText(std::string(f[i]));
+  }
   auto msg = std::make_shared<dmCampaignMsg>();
-  msg->Email(std::string(f[0]));
-  msg->MessageFileName(std::string(f[1]));
-  msg->Account(std::string(f[2]));
-  msg->CampaignItemRecID(std::string(f[3]));
-  msg->CampaignName(std::string(f[4]));
-  msg->CampaignRecID(std::string(f[5]));
-  msg->HistoryRecID(std::string(f[6]));
-  msg->SendDate(std::string(f[8]));
-  msg->CampaignType(std::string(f[7]));
+  msg->Email(last_fields_[0]);
+  msg->MessageFileName(last_fields_[1]);
+  msg->Account(last_fields_[2]);
+  msg->CampaignItemRecID(last_fields_[3]);
+  msg->CampaignName(last_fields_[4]);
+  msg->CampaignRecID(last_fields_[5]);
+  msg->HistoryRecID(last_fields_[6]);
+  msg->SendDate(last_fields_[8]);
+  msg->CampaignType(last_fields_[7]);
   return msg;
 }
 
@@ -256,6 +260,7 @@ void dmmsgqueue::Release() {
   read_begin_ = read_end_ = 0;
   read_eof_ = false;
   read_failed_ = false;
+  for (SharedText& text : last_fields_) text = SharedText();
 }
 
 const MemberTable& dmmsgqueue::Members() const {

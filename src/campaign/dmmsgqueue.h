@@ -122,6 +122,9 @@ class dmmsgqueue : public Object {
   size_t read_end_ = 0;                  // One past the last valid byte.
   bool read_eof_ = false;                // The file has no more bytes.
   bool read_failed_ = false;             // An unreadable record ended the pass.
+  // The texts of the last record read, in file order: a field that repeats
+  // (campaign, item, run, date) is shared with the previous message.
+  SharedText last_fields_[9];
 };
 
 }  // namespace quillo

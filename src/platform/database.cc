@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/db/backend.h"
+#include "platform/db/row_store.h"
 #include "platform/error.h"
 #include "platform/text.h"
 
@@ -104,7 +105,7 @@ void Recordset::Open(std::string_view source, const std::shared_ptr<Connection>&
   const bool forward_only = cursor_type == kAdOpenForwardOnly;
   std::unique_ptr<db::Cursor> cursor = backend.Query(source, forward_only);
   names_ = cursor->Names();
-  rows_.clear();
+  rows_.reset();
   row_.clear();
   position_ = 0;
   if (forward_only) {
@@ -112,8 +113,10 @@ void Recordset::Open(std::string_view source, const std::shared_ptr<Connection>&
     has_next_ = !eof_ && cursor->Next(&next_row_);
     cursor_ = has_next_ ? std::move(cursor) : nullptr;
   } else {
+    auto rows = std::make_unique<db::RowStore>();
     std::vector<Variant> row;
-    while (cursor->Next(&row)) rows_.push_back(std::move(row));
+    while (cursor->Next(&row)) rows->Append(row);
+    rows_ = std::move(rows);
     cursor_.reset();
   }
   cursor_type_ = forward_only ? kAdOpenForwardOnly
@@ -130,7 +133,7 @@ void Recordset::RequireOpen() const {
 bool Recordset::Eof() const {
   RequireOpen();
   if (cursor_type_ == kAdOpenForwardOnly) return eof_;
-  return position_ >= rows_.size();
+  return position_ >= rows_->size();
 }
 
 void Recordset::MoveNext() {
@@ -158,7 +161,7 @@ void Recordset::MoveNext() {
 long Recordset::RecordCount() const {
   RequireOpen();
   if (cursor_type_ == kAdOpenForwardOnly) return -1;
-  return static_cast<long>(rows_.size());
+  return static_cast<long>(rows_->size());
 }
 
 long Recordset::ColumnIndex(std::string_view name) const {
@@ -170,14 +173,14 @@ long Recordset::ColumnIndex(std::string_view name) const {
         "requested name or ordinal.");
 }
 
-const Variant& Recordset::CurrentValue(long column) const {
+Variant Recordset::CurrentValue(long column) const {
   if (Eof()) {
     Raise(err::kDbNoCurrentRecord,
           "Either BOF or EOF is True, or the current record has been deleted. Requested "
           "operation requires a current record.");
   }
   if (cursor_type_ == kAdOpenForwardOnly) return row_[static_cast<size_t>(column)];
-  return rows_[position_][static_cast<size_t>(column)];
+  return rows_->Value(position_, static_cast<size_t>(column));
 }
 
 std::shared_ptr<Field> Recordset::Fields(std::string_view name) const {
@@ -210,7 +213,7 @@ void Recordset::Close() {
   RequireOpen();
   open_ = false;
   cursor_.reset();
-  rows_.clear();
+  rows_.reset();
   row_.clear();
   next_row_.clear();
   has_next_ = false;

@@ -1,6 +1,8 @@
 // Choosing the engine from the connection text, and the PostgreSQL error numbers.
 #include "platform/db/backend.h"
 
+#include <atomic>
+
 #include "platform/database.h"
 #include "platform/db/postgres_backend.h"
 #include "platform/db/sqlite_backend.h"
@@ -8,6 +10,15 @@
 #include "platform/text.h"
 
 namespace quillo::db {
+
+Backend::Backend() {
+  static std::atomic<std::uint64_t> next{0};
+  serial_ = ++next;
+}
+
+std::unique_ptr<PreparedQuery> Backend::Prepare(std::string_view) { return nullptr; }
+
+std::unique_ptr<ReadHold> Backend::HoldRead() { return nullptr; }
 
 std::unique_ptr<Backend> OpenBackend(std::string_view connection_text) {
   std::string_view text = connection_text;

@@ -155,6 +155,48 @@ class SqliteCursor : public Cursor {
   bool done_ = false;
 };
 
+// A statement of the caller's, prepared once and re-bound for each run.
+class SqlitePrepared : public PreparedQuery {
+ public:
+  SqlitePrepared(DbHandlePtr handle, sqlite3_stmt* stmt)
+      : handle_(std::move(handle)), stmt_(stmt) {}
+  ~SqlitePrepared() override { sqlite3_finalize(stmt_); }
+  std::optional<bool> HasRow(std::span<const std::string_view> values) override {
+    if (static_cast<int>(values.size()) != sqlite3_bind_parameter_count(stmt_)) return {};
+    for (size_t i = 0; i < values.size(); ++i) {
+      if (sqlite3_bind_text(stmt_, static_cast<int>(i) + 1, values[i].data(),
+                            static_cast<int>(values[i].size()), SQLITE_STATIC) != SQLITE_OK) {
+        sqlite3_clear_bindings(stmt_);
+        return {};
+      }
+    }
+    const int rc = sqlite3_step(stmt_);
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    return {};
+  }
+
+ private:
+  DbHandlePtr handle_;
+  sqlite3_stmt* stmt_;
+};
+
+// A read of the schema table left open at its first row: while it stays
+// open the connection keeps its read transaction (and the file locks that
+// go with it), so the statements run meanwhile do not take them again.
+class SqliteReadHold : public ReadHold {
+ public:
+  SqliteReadHold(DbHandlePtr handle, sqlite3_stmt* stmt)
+      : handle_(std::move(handle)), stmt_(stmt) {}
+  ~SqliteReadHold() override { sqlite3_finalize(stmt_); }
+
+ private:
+  DbHandlePtr handle_;
+  sqlite3_stmt* stmt_;
+};
+
 class SqliteBackend : public Backend {
  public:
   explicit SqliteBackend(DbHandlePtr handle)
@@ -197,6 +239,30 @@ class SqliteBackend : public Backend {
       tail = next;
     }
     return changed;
+  }
+
+  std::unique_ptr<PreparedQuery> Prepare(std::string_view sql) override {
+    sqlite3_stmt* stmt = nullptr;
+    const char* tail = nullptr;
+    if (sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                           &stmt, &tail) != SQLITE_OK ||
+        !stmt) {
+      sqlite3_finalize(stmt);
+      return nullptr;
+    }
+    return std::make_unique<SqlitePrepared>(handle_, stmt);
+  }
+
+  std::unique_ptr<ReadHold> HoldRead() override {
+    // Only when no transaction is open: inside one the locks are held anyway.
+    if (!sqlite3_get_autocommit(db_)) return nullptr;
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db_, "SELECT 1 FROM sqlite_master", -1, &stmt, nullptr) != SQLITE_OK ||
+        sqlite3_step(stmt) != SQLITE_ROW) {
+      sqlite3_finalize(stmt);
+      return nullptr;
+    }
+    return std::make_unique<SqliteReadHold>(handle_, stmt);
   }
 
   std::unique_ptr<Cursor> Query(std::string_view sql, bool /*stream*/) override {
