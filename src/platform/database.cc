@@ -11,6 +11,17 @@
 namespace quillo {
 namespace {
 
+// EqualsIgnoreCase for column names, inline: the record classes look up
+// every column of every row by name.
+inline char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+bool SameName(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i] && Fold(a[i]) != Fold(b[i])) return false;
+  }
+  return true;
+}
+
 [[noreturn]] void RaiseClosed() {
   Raise(err::kDbObjectClosed, "Operation is not allowed when the object is closed.");
 }
@@ -114,8 +125,8 @@ void Recordset::Open(std::string_view source, const std::shared_ptr<Connection>&
     cursor_ = has_next_ ? std::move(cursor) : nullptr;
   } else {
     auto rows = std::make_unique<db::RowStore>();
-    std::vector<Variant> row;
-    while (cursor->Next(&row)) rows->Append(row);
+    while (cursor->NextInto(rows.get())) {
+    }
     rows_ = std::move(rows);
     cursor_.reset();
   }
@@ -166,7 +177,7 @@ long Recordset::RecordCount() const {
 
 long Recordset::ColumnIndex(std::string_view name) const {
   for (size_t i = 0; i < names_.size(); ++i) {
-    if (EqualsIgnoreCase(names_[i], name)) return static_cast<long>(i);
+    if (SameName(names_[i], name)) return static_cast<long>(i);
   }
   Raise(err::kDbItemNotFound,
         "Item cannot be found in the collection corresponding to the "

@@ -5,6 +5,7 @@
 
 #include "platform/database.h"
 #include "platform/db/postgres_backend.h"
+#include "platform/db/row_store.h"
 #include "platform/db/sqlite_backend.h"
 #include "platform/error.h"
 #include "platform/text.h"
@@ -14,6 +15,12 @@ namespace quillo::db {
 Backend::Backend() {
   static std::atomic<std::uint64_t> next{0};
   serial_ = ++next;
+}
+
+bool Cursor::NextInto(RowStore* rows) {
+  if (!Next(&scratch_)) return false;
+  rows->Append(scratch_);
+  return true;
 }
 
 std::unique_ptr<PreparedQuery> Backend::Prepare(std::string_view) { return nullptr; }

@@ -19,6 +19,8 @@
 
 namespace quillo::db {
 
+class RowStore;
+
 // The rows of one query, read forward.
 class Cursor {
  public:
@@ -27,6 +29,12 @@ class Cursor {
   virtual const std::vector<std::string>& Names() const = 0;
   // Reads the next row into *row; false when there are no more rows.
   virtual bool Next(std::vector<Variant>* row) = 0;
+  // Reads the next row and appends it to *rows; false when there are no
+  // more rows. The values are those Next gives.
+  virtual bool NextInto(RowStore* rows);
+
+ private:
+  std::vector<Variant> scratch_;
 };
 
 // A query prepared once and run many times with text values bound to its

@@ -14,38 +14,6 @@ namespace {
 
 constexpr size_t kBlockBytes = 256 * 1024;
 
-// The payload size of `v` after its type byte.
-size_t PayloadSize(const Variant& v) {
-  switch (v.Type()) {
-    case VarType::kInteger:
-      return sizeof(std::int16_t);
-    case VarType::kLong:
-      return sizeof(std::int32_t);
-    case VarType::kSingle:
-      return sizeof(float);
-    case VarType::kDouble:
-    case VarType::kDate:
-      return sizeof(double);
-    case VarType::kCurrency:
-      return sizeof(std::int64_t);
-    case VarType::kBoolean:
-      return 1;
-    case VarType::kString:
-      return sizeof(std::uint32_t) + v.StringRef().size();
-    case VarType::kEmpty:
-    case VarType::kNull:
-      return 0;
-    default:
-      Raise(err::kDbBadArguments, "An object value cannot be stored in a recordset row.");
-  }
-}
-
-template <class T>
-char* Put(char* at, T value) {
-  std::memcpy(at, &value, sizeof value);
-  return at + sizeof value;
-}
-
 template <class T>
 T Get(const char* at) {
   T value;
@@ -66,52 +34,79 @@ char* RowStore::Reserve(size_t bytes) {
   return at;
 }
 
-void RowStore::Append(const std::vector<Variant>& row) {
-  const size_t columns = row.size();
-  size_t bytes = columns * sizeof(std::uint32_t);
-  for (const Variant& v : row) bytes += 1 + PayloadSize(v);
-  char* start = Reserve(bytes);
-  char* at = start + columns * sizeof(std::uint32_t);
-  for (size_t i = 0; i < columns; ++i) {
-    const Variant& v = row[i];
-    std::uint32_t offset = static_cast<std::uint32_t>(at - start);
-    std::memcpy(start + i * sizeof offset, &offset, sizeof offset);
-    const VarType type = v.Type();
-    *at++ = static_cast<char>(type);
-    switch (type) {
-      case VarType::kInteger:
-        at = Put(at, v.ToInteger());
-        break;
-      case VarType::kLong:
-        at = Put(at, v.ToLong());
-        break;
-      case VarType::kSingle:
-        at = Put(at, v.ToSingle());
-        break;
-      case VarType::kDouble:
-        at = Put(at, v.ToDouble());
-        break;
-      case VarType::kDate:
-        at = Put(at, v.ToDate().value);
-        break;
-      case VarType::kCurrency:
-        at = Put(at, v.ToCurrency().scaled);
-        break;
-      case VarType::kBoolean:
-        *at++ = v.ToBool() ? 1 : 0;
-        break;
-      case VarType::kString: {
-        const std::string& s = v.StringRef();
-        at = Put(at, static_cast<std::uint32_t>(s.size()));
-        if (!s.empty()) std::memcpy(at, s.data(), s.size());
-        at += s.size();
-        break;
-      }
-      default:
-        break;
-    }
+void RowStore::BeginRow(size_t columns) {
+  pending_.assign(columns * sizeof(std::uint32_t), '\0');
+  pending_columns_ = columns;
+  pending_at_ = 0;
+}
+
+// Records where the next column starts and puts its type byte.
+#define QUILLO_ROW_CELL(type)                                                             \
+  do {                                                                                    \
+    const auto offset = static_cast<std::uint32_t>(pending_.size());                      \
+    std::memcpy(pending_.data() + pending_at_++ * sizeof offset, &offset, sizeof offset); \
+    pending_.push_back(static_cast<char>(type));                                          \
+  } while (false)
+
+template <class T>
+void PutPending(std::string& out, T value) {
+  out.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+void RowStore::AddText(std::string_view text) {
+  QUILLO_ROW_CELL(VarType::kString);
+  PutPending(pending_, static_cast<std::uint32_t>(text.size()));
+  pending_.append(text);
+}
+
+void RowStore::Add(const Variant& v) {
+  const VarType type = v.Type();
+  if (type == VarType::kString) return AddText(v.StringRef());
+  if (type == VarType::kObject) {
+    Raise(err::kDbBadArguments, "An object value cannot be stored in a recordset row.");
   }
+  QUILLO_ROW_CELL(type);
+  switch (type) {
+    case VarType::kInteger:
+      PutPending(pending_, v.ToInteger());
+      break;
+    case VarType::kLong:
+      PutPending(pending_, v.ToLong());
+      break;
+    case VarType::kSingle:
+      PutPending(pending_, v.ToSingle());
+      break;
+    case VarType::kDouble:
+      PutPending(pending_, v.ToDouble());
+      break;
+    case VarType::kDate:
+      PutPending(pending_, v.ToDate().value);
+      break;
+    case VarType::kCurrency:
+      PutPending(pending_, v.ToCurrency().scaled);
+      break;
+    case VarType::kBoolean:
+      pending_.push_back(v.ToBool() ? 1 : 0);
+      break;
+    default:
+      break;
+  }
+}
+
+#undef QUILLO_ROW_CELL
+
+void RowStore::EndRow() {
+  // Columns never added read back as Empty.
+  while (pending_at_ < pending_columns_) Add(Variant());
+  char* start = Reserve(pending_.size());
+  std::memcpy(start, pending_.data(), pending_.size());
   rows_.push_back(start);
+}
+
+void RowStore::Append(const std::vector<Variant>& row) {
+  BeginRow(row.size());
+  for (const Variant& v : row) Add(v);
+  EndRow();
 }
 
 Variant RowStore::Value(size_t row, size_t column) const {

@@ -13,6 +13,8 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/variant.h"
@@ -29,6 +31,12 @@ class RowStore {
   // Appends one row (Object values are not stored: they never come from an
   // engine; one would raise 3001).
   void Append(const std::vector<Variant>& row);
+  // Appends a row value by value: BeginRow, then Add or AddText once per
+  // column, then EndRow. Text goes in without becoming a Variant first.
+  void BeginRow(size_t columns);
+  void Add(const Variant& value);
+  void AddText(std::string_view text);
+  void EndRow();
   // The number of rows.
   size_t size() const { return rows_.size(); }
   // The value of column `column` in row `row` (both in range).
@@ -44,6 +52,10 @@ class RowStore {
   size_t block_size_ = 0;  // Size of the current (last) block.
   size_t block_used_ = 0;  // Bytes used in it.
   std::vector<const char*> rows_;
+  // The row being built: its column offsets, then its cells.
+  std::string pending_;
+  size_t pending_columns_ = 0;
+  size_t pending_at_ = 0;  // Columns added so far.
 };
 
 }  // namespace quillo::db

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/database.h"
+#include "platform/db/row_store.h"
 #include "platform/db/sql_text.h"
 #include "platform/db/statement_cache.h"
 #include "platform/db/value_parse.h"
@@ -131,6 +132,36 @@ class SqliteCursor : public Cursor {
       }
       return true;
     }
+    return Stopped(rc);
+  }
+  bool NextInto(RowStore* rows) override {
+    if (done_) return false;
+    sqlite3_stmt* stmt = prepared_->stmt;
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW) {
+      const size_t n = prepared_->kinds.size();
+      rows->BeginRow(n);
+      for (size_t i = 0; i < n; ++i) {
+        const int at = static_cast<int>(i);
+        const ColumnKind kind = prepared_->kinds[i];
+        // Text that stays text goes in as it is; everything else as Next maps it.
+        if (sqlite3_column_type(stmt, at) == SQLITE_TEXT && kind != ColumnKind::kDate) {
+          const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt, at));
+          rows->AddText(
+              std::string_view(p ? p : "", static_cast<size_t>(sqlite3_column_bytes(stmt, at))));
+        } else {
+          rows->Add(ColumnValue(stmt, at, kind));
+        }
+      }
+      rows->EndRow();
+      return true;
+    }
+    return Stopped(rc);
+  }
+
+ private:
+  // After a step that gave no row: false at the end, else the engine's error.
+  bool Stopped(int rc) {
     if (rc == SQLITE_DONE) {
       Finish();
       return false;
@@ -140,8 +171,6 @@ class SqliteCursor : public Cursor {
     Finish();
     Raise(code ? code : rc & 0xff, text);
   }
-
- private:
   void Finish() {
     if (done_) return;
     done_ = true;
