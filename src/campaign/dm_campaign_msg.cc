@@ -1,6 +1,26 @@
 #include "campaign/dm_campaign_msg.h"
 
+#include <new>
+
+#include "platform/db/bulk_arena.h"
+
 namespace quillo {
+
+SharedText::Rep* SharedText::Make(std::string text, bool bulk) {
+  void* memory =
+      bulk ? db::BulkArena::Allocate(sizeof(Rep), alignof(Rep)) : ::operator new(sizeof(Rep));
+  return new (memory) Rep{{1}, bulk, std::move(text)};
+}
+
+void SharedText::Destroy(Rep* rep) noexcept {
+  const bool bulk = rep->bulk;
+  rep->~Rep();
+  if (bulk) {
+    db::BulkArena::Deallocate(rep);
+  } else {
+    ::operator delete(rep);
+  }
+}
 
 const std::string& SharedText::Empty() {
   static const std::string empty;

@@ -36,7 +36,15 @@ class SharedText {
   SharedText() = default;
   // A new text holding `text` (no allocation for an empty text).
   explicit SharedText(std::string text)
-      : rep_(text.empty() ? nullptr : new Rep{{1}, std::move(text)}) {}
+      : rep_(text.empty() ? nullptr : Make(std::move(text), false)) {}
+  // The same, with the text's record taken from the bulk arena
+  // (platform/db/bulk_arena.h): for the many texts of one run, made and
+  // released together.
+  static SharedText Bulk(std::string text) {
+    SharedText t;
+    if (!text.empty()) t.rep_ = Make(std::move(text), true);
+    return t;
+  }
   SharedText(const SharedText& other) : rep_(other.rep_) { Retain(); }
   SharedText(SharedText&& other) noexcept : rep_(std::exchange(other.rep_, nullptr)) {}
   SharedText& operator=(const SharedText& other) {
@@ -58,14 +66,17 @@ class SharedText {
  private:
   struct Rep {
     std::atomic<unsigned> refs;
+    bool bulk;
     std::string text;
   };
   static const std::string& Empty();
+  static Rep* Make(std::string text, bool bulk);
+  static void Destroy(Rep* rep) noexcept;
   void Retain() const {
     if (rep_) rep_->refs.fetch_add(1, std::memory_order_relaxed);
   }
   void Release() {
-    if (rep_ && rep_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete rep_;
+    if (rep_ && rep_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) Destroy(rep_);
     rep_ = nullptr;
   }
   Rep* rep_ = nullptr;

@@ -5,6 +5,7 @@
 
 #include "platform/clock.h"
 #include "platform/db/backend.h"
+#include "platform/db/bulk_arena.h"
 #include "platform/error.h"
 #include "platform/format.h"
 #include "platform/text.h"
@@ -23,7 +24,7 @@ bool IsPlaceholderAddress(const std::string& email) {
 
 // `slot`, renewed first when its text is no longer `source`.
 const SharedText& Current(SharedText& slot, const std::string& source) {
-  if (!slot.Equals(source)) slot = SharedText(source);
+  if (!slot.Equals(source)) slot = SharedText::Bulk(source);
   return slot;
 }
 
@@ -224,7 +225,8 @@ void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std:
     texts_.campaign_type_value = campaign_->CampaignType();
     texts_.campaign_type = SharedText(std::to_string(texts_.campaign_type_value));
   }
-  auto msg = std::make_shared<dmCampaignMsg>();
+  // The run's messages are made and released together: from the bulk arena.
+  auto msg = std::allocate_shared<dmCampaignMsg>(db::BulkAllocator<dmCampaignMsg>());
   msg->Account(Current(texts_.account, enrolment.Account()));
   msg->CampaignName(Current(texts_.campaign_name, campaign_->CampaignName()));
   msg->CampaignType(texts_.campaign_type);

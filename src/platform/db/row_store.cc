@@ -7,12 +7,13 @@
 #include <string>
 
 #include "platform/database.h"
+#include "platform/db/bulk_arena.h"
 #include "platform/error.h"
 
 namespace quillo::db {
 namespace {
 
-constexpr size_t kBlockBytes = 256 * 1024;
+constexpr size_t kFirstBlockBytes = 16 * 1024;
 
 template <class T>
 T Get(const char* at) {
@@ -23,13 +24,33 @@ T Get(const char* at) {
 
 }  // namespace
 
+RowStore::~RowStore() { FreeBlocks(); }
+
+void RowStore::FreeBlocks() {
+  for (const Block& block : blocks_) {
+    if (block.bulk) {
+      FreeBulkBlock(block.data);
+    } else {
+      delete[] block.data;
+    }
+  }
+  blocks_.clear();
+}
+
 char* RowStore::Reserve(size_t bytes) {
   if (blocks_.empty() || block_size_ - block_used_ < bytes) {
-    block_size_ = std::max(kBlockBytes, bytes);
-    blocks_.emplace_back(new char[block_size_]);
+    const size_t next =
+        blocks_.empty() ? kFirstBlockBytes : std::min(block_size_ * 4, kBulkBlockBytes);
+    if (next == kBulkBlockBytes && bytes <= kBulkBlockBytes) {
+      blocks_.push_back(Block{static_cast<char*>(AllocateBulkBlock()), true});
+      block_size_ = kBulkBlockBytes;
+    } else {
+      block_size_ = std::max(next, bytes);
+      blocks_.push_back(Block{new char[block_size_], false});
+    }
     block_used_ = 0;
   }
-  char* at = blocks_.back().get() + block_used_;
+  char* at = blocks_.back().data + block_used_;
   block_used_ += bytes;
   return at;
 }
@@ -142,7 +163,7 @@ Variant RowStore::Value(size_t row, size_t column) const {
 void RowStore::Clear() {
   rows_.clear();
   rows_.shrink_to_fit();
-  blocks_.clear();
+  FreeBlocks();
   blocks_.shrink_to_fit();
   block_size_ = block_used_ = 0;
 }

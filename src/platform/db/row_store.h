@@ -25,6 +25,7 @@ namespace quillo::db {
 class RowStore {
  public:
   RowStore() = default;
+  ~RowStore();
   RowStore(const RowStore&) = delete;
   RowStore& operator=(const RowStore&) = delete;
 
@@ -48,7 +49,15 @@ class RowStore {
   // Space for `bytes` more bytes in the current block.
   char* Reserve(size_t bytes);
 
-  std::vector<std::unique_ptr<char[]>> blocks_;
+  // Blocks grow from 16 kB to the 2 MB of a bulk block (see bulk_arena.h),
+  // so that a small result costs a small allocation and a large one few
+  // page faults.
+  struct Block {
+    char* data;
+    bool bulk;
+  };
+  void FreeBlocks();
+  std::vector<Block> blocks_;
   size_t block_size_ = 0;  // Size of the current (last) block.
   size_t block_used_ = 0;  // Bytes used in it.
   std::vector<const char*> rows_;
