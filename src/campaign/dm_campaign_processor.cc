@@ -31,7 +31,10 @@ const SharedText& Current(SharedText& slot, const std::string& source) {
 // True when `text` goes into a quoted SQL literal unchanged, so that binding
 // it as a parameter asks exactly what the literal text asks.
 bool PlainLiteral(std::string_view text) {
-  return text.find_first_of(std::string_view("'\\\0", 3)) == std::string_view::npos;
+  for (const char c : text) {
+    if (c == '\'' || c == '\\' || c == '\0') return false;
+  }
+  return true;
 }
 
 // Enrolment rows between renewals of the read snapshot held for the
@@ -208,12 +211,21 @@ bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::str
   return !rs->Eof();
 }
 
-std::shared_ptr<dmclientsmrktcmp> dmCampaignProcessor::LoadEnrolment(
-    const std::shared_ptr<Recordset>& rs, std::string* email) {
-  auto enrolment = std::make_shared<dmclientsmrktcmp>();
-  enrolment->LoadDataFromDS(rs);
-  *email = NullToText(rs->FieldValue("Email")).ToString();
-  return enrolment;
+const dmclientsmrktcmp& dmCampaignProcessor::LoadEnrolment(const std::shared_ptr<Recordset>& rs,
+                                                           std::string* email) {
+  // Loading from a row sets every column, so one record serves every row.
+  if (!enrolment_) enrolment_ = std::make_shared<dmclientsmrktcmp>();
+  enrolment_->LoadDataFromDS(rs);
+  // The address as NullToText gives it, into the caller's string.
+  const Variant value = rs->FieldValue("Email");
+  if (value.IsNull()) {
+    email->clear();
+  } else if (value.IsString()) {
+    email->assign(value.StringRef());
+  } else {
+    *email = value.ToString();
+  }
+  return *enrolment_;
 }
 
 void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
@@ -273,21 +285,27 @@ void dmCampaignProcessor::ProcessSequentialOffset() {
   std::int32_t cnt = 0;
   ItemList& items = *CampaignItems();
   SentItemQueries queries(*this);
+  std::string email;
   while (!rs->Eof()) {
     ++cnt;
     NextEnrolmentRow();
-    std::string email;
-    auto enrolment = LoadEnrolment(rs, &email);
+    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
     if (!IsPlaceholderAddress(email)) {
+      std::int16_t days = 0;
+      bool have_days = false;
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
-        if (AlreadySent(item, enrolment->Account())) continue;
-        // Both sides of the date test are 16-bit numbers, as the schedule was designed.
-        std::int16_t days = RoundToInteger(
-            static_cast<double>(DateDiff("d", enrolment->EffectiveDate(), current_date_)));
+        if (AlreadySent(item, enrolment.Account())) continue;
+        // Both sides of the date test are 16-bit numbers, as the schedule was
+        // designed; the day count is the same for every item of the row.
+        if (!have_days) {
+          days = RoundToInteger(
+              static_cast<double>(DateDiff("d", enrolment.EffectiveDate(), current_date_)));
+          have_days = true;
+        }
         std::int16_t interval = RoundToInteger(item.Interval());
-        if (days >= interval) HandOver(*enrolment, email, item, static_cast<size_t>(i - 1));
+        if (days >= interval) HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
       }
     }
     rs->MoveNext();
@@ -300,17 +318,17 @@ void dmCampaignProcessor::ProcessIncremental() {
   std::int32_t cnt = 0;
   ItemList& items = *CampaignItems();
   SentItemQueries queries(*this);
+  std::string email;
   while (!rs->Eof()) {
     ++cnt;
     NextEnrolmentRow();
-    std::string email;
-    auto enrolment = LoadEnrolment(rs, &email);
+    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
     if (!IsPlaceholderAddress(email)) {
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
-        if (!AlreadySent(item, enrolment->Account())) {
-          HandOver(*enrolment, email, item, static_cast<size_t>(i - 1));
+        if (!AlreadySent(item, enrolment.Account())) {
+          HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
           break;
         }
       }
@@ -322,12 +340,12 @@ void dmCampaignProcessor::ProcessIncremental() {
 void dmCampaignProcessor::ProcessStandardList() {
   auto rs = OpenEnrolments();
   ItemList& items = *CampaignItems();
+  std::string email;
   while (!rs->Eof()) {
-    std::string email;
-    auto enrolment = LoadEnrolment(rs, &email);
+    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     if (!IsPlaceholderAddress(email)) {
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
-        HandOver(*enrolment, email, *items.Item(i), static_cast<size_t>(i - 1));
+        HandOver(enrolment, email, *items.Item(i), static_cast<size_t>(i - 1));
       }
     }
     rs->MoveNext();

@@ -136,8 +136,7 @@ class dmCampaignProcessor : public Object {
   // True when `item` was sent to `account` (a dmsentitems row exists).
   bool AlreadySent(const dmmrktcmpitems& item, const std::string& account);
   // Loads the enrolment of the current row and its e-mail address.
-  std::shared_ptr<dmclientsmrktcmp> LoadEnrolment(const std::shared_ptr<Recordset>& rs,
-                                                  std::string* email);
+  const dmclientsmrktcmp& LoadEnrolment(const std::shared_ptr<Recordset>& rs, std::string* email);
   // Builds, lists and (when queueing) queues the message for one enrolment and item.
   // `index` is the item's 0-based place in the item collection.
   void HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
@@ -187,6 +186,7 @@ class dmCampaignProcessor : public Object {
     SharedText campaign_rec_id, rec_id, message_file_name;
   };
   MessageTexts texts_;
+  std::shared_ptr<dmclientsmrktcmp> enrolment_;  // Reloaded for every enrolment row.
   std::vector<ItemTexts> item_texts_;
 };
 

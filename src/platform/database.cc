@@ -165,7 +165,8 @@ void Recordset::MoveNext() {
       eof_ = true;
     }
   } else {
-    ++position_;
+    // Recordsets only move forward: the rows passed are never read again.
+    rows_->ReleaseBefore(++position_);
   }
 }
 

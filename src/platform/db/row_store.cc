@@ -27,14 +27,26 @@ T Get(const char* at) {
 RowStore::~RowStore() { FreeBlocks(); }
 
 void RowStore::FreeBlocks() {
-  for (const Block& block : blocks_) {
-    if (block.bulk) {
-      FreeBulkBlock(block.data);
-    } else {
-      delete[] block.data;
-    }
-  }
+  for (size_t i = released_; i < blocks_.size(); ++i) FreeBlock(blocks_[i]);
   blocks_.clear();
+  released_ = 0;
+}
+
+void RowStore::FreeBlock(Block& block) {
+  if (block.bulk) {
+    FreeBulkBlock(block.data);
+  } else {
+    delete[] block.data;
+  }
+  block.data = nullptr;
+}
+
+void RowStore::ReleaseBefore(size_t row) {
+  // Block i holds rows [first_row(i), first_row(i + 1)); never the last block.
+  while (released_ + 1 < blocks_.size() && blocks_[released_ + 1].first_row <= row) {
+    FreeBlock(blocks_[released_]);
+    ++released_;
+  }
 }
 
 char* RowStore::Reserve(size_t bytes) {
@@ -42,11 +54,11 @@ char* RowStore::Reserve(size_t bytes) {
     const size_t next =
         blocks_.empty() ? kFirstBlockBytes : std::min(block_size_ * 4, kBulkBlockBytes);
     if (next == kBulkBlockBytes && bytes <= kBulkBlockBytes) {
-      blocks_.push_back(Block{static_cast<char*>(AllocateBulkBlock()), true});
+      blocks_.push_back(Block{static_cast<char*>(AllocateBulkBlock()), true, rows_.size()});
       block_size_ = kBulkBlockBytes;
     } else {
       block_size_ = std::max(next, bytes);
-      blocks_.push_back(Block{new char[block_size_], false});
+      blocks_.push_back(Block{new char[block_size_], false, rows_.size()});
     }
     block_used_ = 0;
   }

@@ -42,6 +42,10 @@ class RowStore {
   size_t size() const { return rows_.size(); }
   // The value of column `column` in row `row` (both in range).
   Variant Value(size_t row, size_t column) const;
+  // Releases the blocks that hold only rows before `row`; those rows must
+  // not be read again (a recordset that only moves forward calls it as it
+  // moves).
+  void ReleaseBefore(size_t row);
   // Forgets every row and releases the memory.
   void Clear();
 
@@ -55,9 +59,12 @@ class RowStore {
   struct Block {
     char* data;
     bool bulk;
+    size_t first_row;  // The first row that starts in the block.
   };
   void FreeBlocks();
+  static void FreeBlock(Block& block);
   std::vector<Block> blocks_;
+  size_t released_ = 0;    // Blocks at the front of blocks_ already given back.
   size_t block_size_ = 0;  // Size of the current (last) block.
   size_t block_used_ = 0;  // Bytes used in it.
   std::vector<const char*> rows_;

@@ -199,9 +199,9 @@ class SqlitePrepared : public PreparedQuery {
         return {};
       }
     }
+    // Every run binds every parameter, so the bindings need no clearing.
     const int rc = sqlite3_step(stmt_);
     sqlite3_reset(stmt_);
-    sqlite3_clear_bindings(stmt_);
     if (rc == SQLITE_ROW) return true;
     if (rc == SQLITE_DONE) return false;
     return {};
