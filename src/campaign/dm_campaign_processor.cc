@@ -37,9 +37,9 @@ bool PlainLiteral(std::string_view text) {
   return true;
 }
 
-// Enrolment rows between renewals of the read snapshot held for the
-// sent-item queries: rows written by others meanwhile are seen within a few
-// milliseconds, while the engine's locks are taken once per batch.
+// Enrolment rows between renewals of the read snapshot of the sent-item
+// queries: the engine's locks are taken once per batch instead of once per
+// query.
 constexpr std::int32_t kRowsPerReadHold = 64;
 
 }  // namespace
@@ -172,6 +172,7 @@ void dmCampaignProcessor::BeginSentItemQueries() {
   sent_query_ = backend.Prepare(
       "SELECT RecID FROM dmsentitems WHERE CampaignRecID = ? AND CampaignItemRecID = ? AND "
       "Account = ?;");
+  if (sent_query_) read_hold_ = backend.HoldRead();
   sent_query_backend_ = backend.Serial();
 }
 
@@ -182,8 +183,12 @@ void dmCampaignProcessor::EndSentItemQueries() {
 }
 
 void dmCampaignProcessor::NextEnrolmentRow() {
-  if (++rows_since_hold_ >= kRowsPerReadHold) {
-    read_hold_.reset();
+  // The snapshot is let go every few rows, so that sent items logged by
+  // other connections during a long run are seen within milliseconds. (Any
+  // other statement on the connection, such as one from a StatusChange
+  // handler, lets it go as well.)
+  if (read_hold_ && ++rows_since_hold_ >= kRowsPerReadHold) {
+    read_hold_->LetGo();
     rows_since_hold_ = 0;
   }
 }
@@ -197,7 +202,7 @@ bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::str
   if (sent_query_ && PlainLiteral(campaign_id) && PlainLiteral(item.RecID()) &&
       PlainLiteral(account) && connection_->State() == kAdStateOpen &&
       connection_->Backend().Serial() == sent_query_backend_) {
-    if (!read_hold_) read_hold_ = connection_->Backend().HoldRead();
+    if (read_hold_) read_hold_->Take();
     const std::string_view values[3] = {campaign_id, item.RecID(), account};
     if (std::optional<bool> found = sent_query_->HasRow(values)) return *found;
     EndSentItemQueries();

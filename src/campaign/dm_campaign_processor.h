@@ -168,12 +168,12 @@ class dmCampaignProcessor : public Object {
   StatusChangeHandler on_status_change_;
 
   // The sent-item query prepared once per run (null: every query goes as
-  // text), the engine it was prepared on, and the read snapshot held while
-  // the run's queries go through it.
+  // text), the engine it was prepared on, and the read snapshot taken for
+  // the queries (see NextEnrolmentRow).
   std::unique_ptr<db::PreparedQuery> sent_query_;
   std::uint64_t sent_query_backend_ = 0;
   std::unique_ptr<db::ReadHold> read_hold_;
-  std::int32_t rows_since_hold_ = 0;
+  std::int32_t rows_since_hold_ = 0;  // Enrolment rows since the snapshot was renewed.
 
   // The texts given to the messages of the run, shared between them; each is
   // compared with its source before use and renewed when that has changed.

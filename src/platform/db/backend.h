@@ -49,11 +49,17 @@ class PreparedQuery {
   virtual std::optional<bool> HasRow(std::span<const std::string_view> values) = 0;
 };
 
-// Keeps a read snapshot of the database open while it lives, so that a run
-// of small queries does not take and drop the engine's locks each time.
+// A read snapshot of the database that can be taken for a short run of
+// small queries, so that they do not each take and drop the engine's locks.
+// While it is taken, the queries do not see other connections' changes;
+// any other statement run on the connection lets it go first.
 class ReadHold {
  public:
   virtual ~ReadHold() = default;
+  // Takes the snapshot (nothing when already taken, or inside a transaction).
+  virtual void Take() = 0;
+  // Lets the snapshot go (nothing when not taken).
+  virtual void LetGo() = 0;
 };
 
 // One open database.
@@ -67,8 +73,8 @@ class Backend {
   // Prepares `sql` (a single query with "?" placeholders for text values);
   // null when the engine cannot prepare it.
   virtual std::unique_ptr<PreparedQuery> Prepare(std::string_view sql);
-  // Holds a read snapshot open until released; null when the engine has no
-  // use for one.
+  // A read snapshot to take and let go (see ReadHold); null when the engine
+  // has no use for one.
   virtual std::unique_ptr<ReadHold> HoldRead();
   // "sqlite" or "postgresql".
   virtual std::string EngineName() const = 0;

@@ -215,15 +215,36 @@ class SqlitePrepared : public PreparedQuery {
 // A read of the schema table left open at its first row: while it stays
 // open the connection keeps its read transaction (and the file locks that
 // go with it), so the statements run meanwhile do not take them again.
+// Shared by the backend, which lets it go before any other statement runs,
+// and the ReadHold handed out.
+struct HoldState {
+  DbHandlePtr handle;
+  sqlite3_stmt* stmt = nullptr;
+  bool taken = false;
+  ~HoldState() { sqlite3_finalize(stmt); }
+  void LetGo() {
+    if (!taken) return;
+    sqlite3_reset(stmt);
+    taken = false;
+  }
+};
+
 class SqliteReadHold : public ReadHold {
  public:
-  SqliteReadHold(DbHandlePtr handle, sqlite3_stmt* stmt)
-      : handle_(std::move(handle)), stmt_(stmt) {}
-  ~SqliteReadHold() override { sqlite3_finalize(stmt_); }
+  explicit SqliteReadHold(std::shared_ptr<HoldState> state) : state_(std::move(state)) {}
+  ~SqliteReadHold() override { state_->LetGo(); }
+  void Take() override {
+    if (state_->taken || !sqlite3_get_autocommit(state_->handle->db)) return;
+    if (sqlite3_step(state_->stmt) == SQLITE_ROW) {
+      state_->taken = true;
+    } else {
+      sqlite3_reset(state_->stmt);
+    }
+  }
+  void LetGo() override { state_->LetGo(); }
 
  private:
-  DbHandlePtr handle_;
-  sqlite3_stmt* stmt_;
+  std::shared_ptr<HoldState> state_;
 };
 
 class SqliteBackend : public Backend {
@@ -237,6 +258,7 @@ class SqliteBackend : public Backend {
   std::string EngineName() const override { return "sqlite"; }
 
   long Execute(std::string_view sql) override {
+    if (hold_) hold_->LetGo();  // Schema changes and writes go as without it.
     const std::string text = RewriteSql(sql, Dialect::kSqlite);
     if (PreparedPtr p = FromShape(text)) {
       SqliteCursor cursor(handle_, p);
@@ -283,18 +305,20 @@ class SqliteBackend : public Backend {
   }
 
   std::unique_ptr<ReadHold> HoldRead() override {
-    // Only when no transaction is open: inside one the locks are held anyway.
-    if (!sqlite3_get_autocommit(db_)) return nullptr;
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db_, "SELECT 1 FROM sqlite_master", -1, &stmt, nullptr) != SQLITE_OK ||
-        sqlite3_step(stmt) != SQLITE_ROW) {
-      sqlite3_finalize(stmt);
-      return nullptr;
+    if (!hold_) {
+      auto state = std::make_shared<HoldState>();
+      state->handle = handle_;
+      if (sqlite3_prepare_v3(db_, "SELECT 1 FROM sqlite_master", -1, SQLITE_PREPARE_PERSISTENT,
+                             &state->stmt, nullptr) != SQLITE_OK) {
+        return nullptr;
+      }
+      hold_ = std::move(state);
     }
-    return std::make_unique<SqliteReadHold>(handle_, stmt);
+    return std::make_unique<SqliteReadHold>(hold_);
   }
 
   std::unique_ptr<Cursor> Query(std::string_view sql, bool /*stream*/) override {
+    if (hold_) hold_->LetGo();  // Every other statement sees the database as it is.
     const std::string text = RewriteSql(sql, Dialect::kSqlite);
     PreparedPtr p = FromShape(text);
     if (!p) {
@@ -364,6 +388,7 @@ class SqliteBackend : public Backend {
   sqlite3* db_;
   StatementCache<PreparedPtr> cache_;
   Shape shape_;
+  std::shared_ptr<HoldState> hold_;  // Made by the first HoldRead.
 };
 
 }  // namespace
