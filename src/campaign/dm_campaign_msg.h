@@ -11,9 +11,10 @@
 //
 // A run lists millions of messages whose texts mostly repeat (the campaign,
 // the item, the run, the date; the client's texts for each of its items), so
-// each property holds a SharedText: an immutable, reference-counted text that
-// many messages may point at. Setting a property gives that message a text
-// of its own; the others are not affected.
+// each property holds a SharedText, an immutable, reference-counted text that
+// many messages may point at, and the seven texts common to a run's item are
+// kept in one block that its messages share. Setting a property gives that
+// message a text of its own (and its own block); the others are not affected.
 //
 // Thread-safety: none for a message; a message belongs to one thread at a
 // time. Texts shared between messages are immutable and counted atomically,
@@ -60,6 +61,8 @@ class SharedText {
 
   // The text.
   const std::string& str() const { return rep_ ? rep_->text : Empty(); }
+  // The empty text.
+  static const std::string& Empty();
   // True when this and `text` are the same characters.
   bool Equals(std::string_view text) const { return str() == text; }
 
@@ -69,7 +72,6 @@ class SharedText {
     bool bulk;
     std::string text;
   };
-  static const std::string& Empty();
   static Rep* Make(std::string text, bool bulk);
   static void Destroy(Rep* rep) noexcept;
   void Retain() const {
@@ -86,17 +88,18 @@ class SharedText {
 class dmCampaignMsg : public Object {
  public:
   dmCampaignMsg() = default;
+  ~dmCampaignMsg() override;
 
   const MemberTable& Members() const override;
 
   // The campaign's code as decimal text ("1").
-  const std::string& CampaignType() const { return campaign_type_.str(); }
-  void CampaignType(std::string value) { campaign_type_ = SharedText(std::move(value)); }
-  void CampaignType(SharedText value) { campaign_type_ = std::move(value); }
+  const std::string& CampaignType() const { return CommonText(kCampaignType); }
+  void CampaignType(std::string value) { SetCommon(kCampaignType, SharedText(std::move(value))); }
+  void CampaignType(SharedText value) { SetCommon(kCampaignType, std::move(value)); }
   // The RecID of the run (dmmrktcmphistory) that produced the message.
-  const std::string& HistoryRecID() const { return history_rec_id_.str(); }
-  void HistoryRecID(std::string value) { history_rec_id_ = SharedText(std::move(value)); }
-  void HistoryRecID(SharedText value) { history_rec_id_ = std::move(value); }
+  const std::string& HistoryRecID() const { return CommonText(kHistoryRecID); }
+  void HistoryRecID(std::string value) { SetCommon(kHistoryRecID, SharedText(std::move(value))); }
+  void HistoryRecID(SharedText value) { SetCommon(kHistoryRecID, std::move(value)); }
   // The recipient's e-mail address.
   const std::string& Email() const { return email_.str(); }
   void Email(std::string value) { email_ = SharedText(std::move(value)); }
@@ -106,50 +109,62 @@ class dmCampaignMsg : public Object {
   void Account(std::string value) { account_ = SharedText(std::move(value)); }
   void Account(SharedText value) { account_ = std::move(value); }
   // The campaign's RecID.
-  const std::string& CampaignRecID() const { return campaign_rec_id_.str(); }
-  void CampaignRecID(std::string value) { campaign_rec_id_ = SharedText(std::move(value)); }
-  void CampaignRecID(SharedText value) { campaign_rec_id_ = std::move(value); }
+  const std::string& CampaignRecID() const { return CommonText(kCampaignRecID); }
+  void CampaignRecID(std::string value) { SetCommon(kCampaignRecID, SharedText(std::move(value))); }
+  void CampaignRecID(SharedText value) { SetCommon(kCampaignRecID, std::move(value)); }
   // The campaign item's RecID.
-  const std::string& CampaignItemRecID() const { return campaign_item_rec_id_.str(); }
+  const std::string& CampaignItemRecID() const { return CommonText(kCampaignItemRecID); }
   void CampaignItemRecID(std::string value) {
-    campaign_item_rec_id_ = SharedText(std::move(value));
+    SetCommon(kCampaignItemRecID, SharedText(std::move(value)));
   }
-  void CampaignItemRecID(SharedText value) { campaign_item_rec_id_ = std::move(value); }
+  void CampaignItemRecID(SharedText value) { SetCommon(kCampaignItemRecID, std::move(value)); }
   // The message template file of the item.
-  const std::string& MessageFileName() const { return message_file_name_.str(); }
-  void MessageFileName(std::string value) { message_file_name_ = SharedText(std::move(value)); }
-  void MessageFileName(SharedText value) { message_file_name_ = std::move(value); }
+  const std::string& MessageFileName() const { return CommonText(kMessageFileName); }
+  void MessageFileName(std::string value) {
+    SetCommon(kMessageFileName, SharedText(std::move(value)));
+  }
+  void MessageFileName(SharedText value) { SetCommon(kMessageFileName, std::move(value)); }
   // The run's date as "yyyy-mm-dd".
-  const std::string& SendDate() const { return send_date_.str(); }
-  void SendDate(std::string value) { send_date_ = SharedText(std::move(value)); }
-  void SendDate(SharedText value) { send_date_ = std::move(value); }
+  const std::string& SendDate() const { return CommonText(kSendDate); }
+  void SendDate(std::string value) { SetCommon(kSendDate, SharedText(std::move(value))); }
+  void SendDate(SharedText value) { SetCommon(kSendDate, std::move(value)); }
   // The campaign's name.
-  const std::string& CampaignName() const { return campaign_name_.str(); }
-  void CampaignName(std::string value) { campaign_name_ = SharedText(std::move(value)); }
-  void CampaignName(SharedText value) { campaign_name_ = std::move(value); }
+  const std::string& CampaignName() const { return CommonText(kCampaignName); }
+  void CampaignName(std::string value) { SetCommon(kCampaignName, SharedText(std::move(value))); }
+  void CampaignName(SharedText value) { SetCommon(kCampaignName, std::move(value)); }
 
-  // The shared texts behind the properties, for handing them on to other
-  // messages without copying.
-  const SharedText& SharedCampaignType() const { return campaign_type_; }
-  const SharedText& SharedHistoryRecID() const { return history_rec_id_; }
+  // The seven texts that all messages of one run and item have in common
+  // (all but Email and Account), in this order.
+  enum CommonField {
+    kCampaignType,
+    kHistoryRecID,
+    kCampaignRecID,
+    kCampaignItemRecID,
+    kMessageFileName,
+    kSendDate,
+    kCampaignName,
+    kCommonFields
+  };
+  // Gives this message the seven common texts of `other` by sharing them;
+  // setting any of them later gives this message its own copy first.
+  void ShareCommonTexts(const dmCampaignMsg& other);
+  // The shared texts behind the properties.
+  const SharedText& SharedCommon(CommonField field) const;
   const SharedText& SharedEmail() const { return email_; }
   const SharedText& SharedAccount() const { return account_; }
-  const SharedText& SharedCampaignRecID() const { return campaign_rec_id_; }
-  const SharedText& SharedCampaignItemRecID() const { return campaign_item_rec_id_; }
-  const SharedText& SharedMessageFileName() const { return message_file_name_; }
-  const SharedText& SharedSendDate() const { return send_date_; }
-  const SharedText& SharedCampaignName() const { return campaign_name_; }
 
  private:
-  SharedText campaign_type_;
-  SharedText history_rec_id_;
+  // The common texts, counted so that messages can share one block.
+  struct Common {
+    std::atomic<unsigned> refs{1};
+    SharedText text[kCommonFields];
+  };
+  const std::string& CommonText(CommonField field) const;
+  void SetCommon(CommonField field, SharedText value);
+
+  Common* common_ = nullptr;  // None until a common text is set or shared.
   SharedText email_;
   SharedText account_;
-  SharedText campaign_rec_id_;
-  SharedText campaign_item_rec_id_;
-  SharedText message_file_name_;
-  SharedText send_date_;
-  SharedText campaign_name_;
 };
 
 }  // namespace quillo

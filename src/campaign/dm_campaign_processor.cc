@@ -235,28 +235,64 @@ const dmclientsmrktcmp& dmCampaignProcessor::LoadEnrolment(const std::shared_ptr
 
 void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
                                    const dmmrktcmpitems& item, size_t index) {
-  if (item_texts_.size() <= index) item_texts_.resize(index + 1);
-  ItemTexts& it = item_texts_[index];
+  // A prototype per item holds the texts common to its messages; it is
+  // brought up to date (a copy of its own when messages share the old texts)
+  // whenever a source has changed.
+  if (prototypes_.size() <= index) prototypes_.resize(index + 1);
+  if (!prototypes_[index]) prototypes_[index] = std::make_unique<dmCampaignMsg>();
+  dmCampaignMsg& proto = *prototypes_[index];
   if (texts_.campaign_type.str().empty() ||
       texts_.campaign_type_value != campaign_->CampaignType()) {
     texts_.campaign_type_value = campaign_->CampaignType();
     texts_.campaign_type = SharedText(std::to_string(texts_.campaign_type_value));
   }
+  auto common = [&proto](dmCampaignMsg::CommonField field, const SharedText& text) {
+    if (&proto.SharedCommon(field).str() != &text.str()) {
+      switch (field) {
+        case dmCampaignMsg::kCampaignType:
+          proto.CampaignType(text);
+          break;
+        case dmCampaignMsg::kHistoryRecID:
+          proto.HistoryRecID(text);
+          break;
+        case dmCampaignMsg::kCampaignRecID:
+          proto.CampaignRecID(text);
+          break;
+        case dmCampaignMsg::kCampaignItemRecID:
+          proto.CampaignItemRecID(text);
+          break;
+        case dmCampaignMsg::kMessageFileName:
+          proto.MessageFileName(text);
+          break;
+        case dmCampaignMsg::kSendDate:
+          proto.SendDate(text);
+          break;
+        default:
+          proto.CampaignName(text);
+          break;
+      }
+    }
+  };
+  if (item_texts_.size() <= index) item_texts_.resize(index + 1);
+  ItemTexts& it = item_texts_[index];
+  common(dmCampaignMsg::kCampaignName, Current(texts_.campaign_name, campaign_->CampaignName()));
+  common(dmCampaignMsg::kCampaignType, texts_.campaign_type);
+  common(dmCampaignMsg::kCampaignRecID, Current(it.campaign_rec_id, item.CampaignRecID()));
+  common(dmCampaignMsg::kCampaignItemRecID, Current(it.rec_id, item.RecID()));
+  common(dmCampaignMsg::kMessageFileName, Current(it.message_file_name, item.MessageFileName()));
+  common(dmCampaignMsg::kHistoryRecID, Current(texts_.history_rec_id, history_->RecID()));
+  common(dmCampaignMsg::kSendDate, Current(texts_.send_date, send_date_));
   // The run's messages are made and released together: from the bulk arena.
   auto msg = std::allocate_shared<dmCampaignMsg>(db::BulkAllocator<dmCampaignMsg>());
   msg->Account(Current(texts_.account, enrolment.Account()));
-  msg->CampaignName(Current(texts_.campaign_name, campaign_->CampaignName()));
-  msg->CampaignType(texts_.campaign_type);
-  msg->CampaignRecID(Current(it.campaign_rec_id, item.CampaignRecID()));
-  msg->CampaignItemRecID(Current(it.rec_id, item.RecID()));
+  msg->ShareCommonTexts(proto);
   msg->Email(Current(texts_.email, email));
-  msg->MessageFileName(Current(it.message_file_name, item.MessageFileName()));
-  msg->HistoryRecID(Current(texts_.history_rec_id, history_->RecID()));
-  msg->SendDate(Current(texts_.send_date, send_date_));
-  Messages()->Add(msg);
+  // Listed first, then queued: a failing queue write leaves it listed.
+  const dmCampaignMsg& listed = *msg;
+  EnsureCollection(messages_).Add(std::move(msg));
   if (use_message_queue_) {
     if (!message_queue_) message_queue_ = std::make_shared<dmmsgqueue>();
-    message_queue_->WriteMessage(*msg);
+    message_queue_->WriteMessage(listed);
   }
 }
 

@@ -188,6 +188,7 @@ class dmCampaignProcessor : public Object {
   MessageTexts texts_;
   std::shared_ptr<dmclientsmrktcmp> enrolment_;  // Reloaded for every enrolment row.
   std::vector<ItemTexts> item_texts_;
+  std::vector<std::unique_ptr<dmCampaignMsg>> prototypes_;  // Per item: the common texts.
 };
 
 }  // namespace quillo

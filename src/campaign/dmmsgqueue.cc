@@ -214,20 +214,42 @@ std::shared_ptr<dmCampaignMsg> dmmsgqueue::ReadMessage() {
     read_failed_ = true;
     return nullptr;
   }
-  // Fields equal to the previous record's share its texts.
+  // Fields equal to the previous record's share its texts; the seven common
+  // ones are kept on a prototype whose block of texts the messages share.
   for (int i = 0; i < 9; ++i) {
-    if (!last_fields_[i].Equals(f[i])) last_fields_[i] = SharedText(std::string(f[i]));
+    if (!last_fields_[i].Equals(f[i])) {
+      last_fields_[i] = SharedText(std::string(f[i]));
+      switch (i) {
+        case 1:
+          prototype_.MessageFileName(last_fields_[i]);
+          break;
+        case 3:
+          prototype_.CampaignItemRecID(last_fields_[i]);
+          break;
+        case 4:
+          prototype_.CampaignName(last_fields_[i]);
+          break;
+        case 5:
+          prototype_.CampaignRecID(last_fields_[i]);
+          break;
+        case 6:
+          prototype_.HistoryRecID(last_fields_[i]);
+          break;
+        case 7:
+          prototype_.CampaignType(last_fields_[i]);
+          break;
+        case 8:
+          prototype_.SendDate(last_fields_[i]);
+          break;
+        default:
+          break;
+      }
+    }
   }
   auto msg = std::make_shared<dmCampaignMsg>();
   msg->Email(last_fields_[0]);
-  msg->MessageFileName(last_fields_[1]);
   msg->Account(last_fields_[2]);
-  msg->CampaignItemRecID(last_fields_[3]);
-  msg->CampaignName(last_fields_[4]);
-  msg->CampaignRecID(last_fields_[5]);
-  msg->HistoryRecID(last_fields_[6]);
-  msg->SendDate(last_fields_[8]);
-  msg->CampaignType(last_fields_[7]);
+  msg->ShareCommonTexts(prototype_);
   return msg;
 }
 
@@ -261,6 +283,7 @@ void dmmsgqueue::Release() {
   read_eof_ = false;
   read_failed_ = false;
   for (SharedText& text : last_fields_) text = SharedText();
+  prototype_.ShareCommonTexts(dmCampaignMsg());
 }
 
 const MemberTable& dmmsgqueue::Members() const {

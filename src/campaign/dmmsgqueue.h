@@ -125,6 +125,7 @@ class dmmsgqueue : public Object {
   // The texts of the last record read, in file order: a field that repeats
   // (campaign, item, run, date) is shared with the previous message.
   SharedText last_fields_[9];
+  dmCampaignMsg prototype_;  // Holds the common texts of the last record read.
 };
 
 }  // namespace quillo
