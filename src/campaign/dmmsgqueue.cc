@@ -214,43 +214,52 @@ std::shared_ptr<dmCampaignMsg> dmmsgqueue::ReadMessage() {
     read_failed_ = true;
     return nullptr;
   }
-  // Fields equal to the previous record's share its texts; the seven common
-  // ones are kept on a prototype whose block of texts the messages share.
-  for (int i = 0; i < 9; ++i) {
-    if (!last_fields_[i].Equals(f[i])) {
-      last_fields_[i] = SharedText(std::string(f[i]));
-      switch (i) {
-        case 1:
-          prototype_.MessageFileName(last_fields_[i]);
-          break;
-        case 3:
-          prototype_.CampaignItemRecID(last_fields_[i]);
-          break;
-        case 4:
-          prototype_.CampaignName(last_fields_[i]);
-          break;
-        case 5:
-          prototype_.CampaignRecID(last_fields_[i]);
-          break;
-        case 6:
-          prototype_.HistoryRecID(last_fields_[i]);
-          break;
-        case 7:
-          prototype_.CampaignType(last_fields_[i]);
-          break;
-        case 8:
-          prototype_.SendDate(last_fields_[i]);
-          break;
-        default:
-          break;
-      }
+  // Each field shares its text with a recent record's equal field, and the
+  // seven common fields (file, item, campaign name and id, run, kind, date)
+  // share one block with recent records that had the same seven.
+  const SharedText* texts[9];
+  for (int i = 0; i < 9; ++i) texts[i] = &RecentText(i, f[i]);
+  // Queue order of the seven common fields, in the message's common order.
+  static constexpr int kCommonAt[dmCampaignMsg::kCommonFields] = {7, 6, 5, 3, 1, 8, 4};
+  dmCampaignMsg* prototype = nullptr;
+  for (const auto& candidate : prototypes_) {
+    if (!candidate) continue;
+    bool same = true;
+    for (int k = 0; k < dmCampaignMsg::kCommonFields && same; ++k) {
+      same = &candidate->SharedCommon(static_cast<dmCampaignMsg::CommonField>(k)).str() ==
+             &texts[kCommonAt[k]]->str();
+    }
+    if (same) {
+      prototype = candidate.get();
+      break;
     }
   }
+  if (!prototype) {
+    auto& slot = prototypes_[next_prototype_++ % kRecent];
+    slot = std::make_unique<dmCampaignMsg>();
+    slot->CampaignType(*texts[7]);
+    slot->HistoryRecID(*texts[6]);
+    slot->CampaignRecID(*texts[5]);
+    slot->CampaignItemRecID(*texts[3]);
+    slot->MessageFileName(*texts[1]);
+    slot->SendDate(*texts[8]);
+    slot->CampaignName(*texts[4]);
+    prototype = slot.get();
+  }
   auto msg = std::make_shared<dmCampaignMsg>();
-  msg->Email(last_fields_[0]);
-  msg->Account(last_fields_[2]);
-  msg->ShareCommonTexts(prototype_);
+  msg->Email(*texts[0]);
+  msg->Account(*texts[2]);
+  msg->ShareCommonTexts(*prototype);
   return msg;
+}
+
+const SharedText& dmmsgqueue::RecentText(int field, std::string_view text) {
+  for (const SharedText& recent : recent_[field]) {
+    if (recent.Equals(text)) return recent;
+  }
+  SharedText& slot = recent_[field][next_recent_[field]++ % kRecent];
+  slot = SharedText(std::string(text));
+  return slot;
 }
 
 std::int32_t dmmsgqueue::Count() {
@@ -282,8 +291,10 @@ void dmmsgqueue::Release() {
   read_begin_ = read_end_ = 0;
   read_eof_ = false;
   read_failed_ = false;
-  for (SharedText& text : last_fields_) text = SharedText();
-  prototype_.ShareCommonTexts(dmCampaignMsg());
+  for (auto& field : recent_) {
+    for (SharedText& text : field) text = SharedText();
+  }
+  for (auto& prototype : prototypes_) prototype.reset();
 }
 
 const MemberTable& dmmsgqueue::Members() const {
