@@ -1,6 +1,64 @@
 #include "campaign/dm_campaign_msg.h"
 
+#include <new>
+
+#include "platform/db/bulk_arena.h"
+
 namespace quillo {
+
+SharedText::Rep* SharedText::Make(std::string text, bool bulk) {
+  void* memory =
+      bulk ? db::BulkArena::Allocate(sizeof(Rep), alignof(Rep)) : ::operator new(sizeof(Rep));
+  return new (memory) Rep{{1}, bulk, std::move(text)};
+}
+
+void SharedText::Destroy(Rep* rep) noexcept {
+  const bool bulk = rep->bulk;
+  rep->~Rep();
+  if (bulk) {
+    db::BulkArena::Deallocate(rep);
+  } else {
+    ::operator delete(rep);
+  }
+}
+
+const std::string& SharedText::Empty() {
+  static const std::string empty;
+  return empty;
+}
+
+dmCampaignMsg::~dmCampaignMsg() {
+  if (common_ && common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
+}
+
+const std::string& dmCampaignMsg::CommonText(CommonField field) const {
+  return common_ ? common_->text[field].str() : SharedText::Empty();
+}
+
+const SharedText& dmCampaignMsg::SharedCommon(CommonField field) const {
+  static const SharedText none;
+  return common_ ? common_->text[field] : none;
+}
+
+void dmCampaignMsg::SetCommon(CommonField field, SharedText value) {
+  if (!common_) {
+    common_ = new Common();
+  } else if (common_->refs.load(std::memory_order_acquire) != 1) {
+    // Shared with other messages: this one gets its own block first.
+    auto* own = new Common();
+    for (int i = 0; i < kCommonFields; ++i) own->text[i] = common_->text[i];
+    if (common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
+    common_ = own;
+  }
+  common_->text[field] = std::move(value);
+}
+
+void dmCampaignMsg::ShareCommonTexts(const dmCampaignMsg& other) {
+  if (other.common_ == common_) return;
+  if (other.common_) other.common_->refs.fetch_add(1, std::memory_order_relaxed);
+  if (common_ && common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
+  common_ = other.common_;
+}
 
 // Each property is published setter first, then getter, in the message's
 // interface order.

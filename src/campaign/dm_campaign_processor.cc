@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/db/backend.h"
+#include "platform/db/bulk_arena.h"
 #include "platform/error.h"
 #include "platform/format.h"
 #include "platform/text.h"
@@ -19,6 +21,26 @@ namespace {
 bool IsPlaceholderAddress(const std::string& email) {
   return EqualsIgnoreCase(Left(email, 4), "~tmp");
 }
+
+// `slot`, renewed first when its text is no longer `source`.
+const SharedText& Current(SharedText& slot, const std::string& source) {
+  if (!slot.Equals(source)) slot = SharedText::Bulk(source);
+  return slot;
+}
+
+// True when `text` goes into a quoted SQL literal unchanged, so that binding
+// it as a parameter asks exactly what the literal text asks.
+bool PlainLiteral(std::string_view text) {
+  for (const char c : text) {
+    if (c == '\'' || c == '\\' || c == '\0') return false;
+  }
+  return true;
+}
+
+// Enrolment rows between renewals of the read snapshot of the sent-item
+// queries: the engine's locks are taken once per batch instead of once per
+// query.
+constexpr std::int32_t kRowsPerReadHold = 64;
 
 }  // namespace
 
@@ -143,7 +165,48 @@ std::shared_ptr<Recordset> dmCampaignProcessor::OpenEnrolments() {
   return rs;
 }
 
+void dmCampaignProcessor::BeginSentItemQueries() {
+  EndSentItemQueries();
+  if (!connection_ || connection_->State() != kAdStateOpen) return;
+  db::Backend& backend = connection_->Backend();
+  sent_query_ = backend.Prepare(
+      "SELECT RecID FROM dmsentitems WHERE CampaignRecID = ? AND CampaignItemRecID = ? AND "
+      "Account = ?;");
+  if (sent_query_) read_hold_ = backend.HoldRead();
+  sent_query_backend_ = backend.Serial();
+}
+
+void dmCampaignProcessor::EndSentItemQueries() {
+  read_hold_.reset();
+  sent_query_.reset();
+  rows_since_hold_ = 0;
+}
+
+void dmCampaignProcessor::NextEnrolmentRow() {
+  // The snapshot is let go every few rows, so that sent items logged by
+  // other connections during a long run are seen within milliseconds. (Any
+  // other statement on the connection, such as one from a StatusChange
+  // handler, lets it go as well.)
+  if (read_hold_ && ++rows_since_hold_ >= kRowsPerReadHold) {
+    read_hold_->LetGo();
+    rows_since_hold_ = 0;
+  }
+}
+
 bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::string& account) {
+  // The prepared query answers what the text below asks whenever the values
+  // stand in its quotes unchanged; anything else (a value with a quote, a
+  // closed or replaced connection, an engine failure) takes the text path,
+  // which gives the engine's own answer.
+  const std::string& campaign_id = campaign_->RecID();
+  if (sent_query_ && PlainLiteral(campaign_id) && PlainLiteral(item.RecID()) &&
+      PlainLiteral(account) && connection_->State() == kAdStateOpen &&
+      connection_->Backend().Serial() == sent_query_backend_) {
+    if (read_hold_) read_hold_->Take();
+    const std::string_view values[3] = {campaign_id, item.RecID(), account};
+    if (std::optional<bool> found = sent_query_->HasRow(values)) return *found;
+    EndSentItemQueries();
+  }
   SQLStatement& st = Statement();
   st.Connection(connection_);
   st.Sql("SELECT RecID FROM dmsentitems WHERE CampaignRecID = '" + campaign_->RecID() + "' " +
@@ -153,30 +216,83 @@ bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::str
   return !rs->Eof();
 }
 
-std::shared_ptr<dmclientsmrktcmp> dmCampaignProcessor::LoadEnrolment(
-    const std::shared_ptr<Recordset>& rs, std::string* email) {
-  auto enrolment = std::make_shared<dmclientsmrktcmp>();
-  enrolment->LoadDataFromDS(rs);
-  *email = NullToText(rs->FieldValue("Email")).ToString();
-  return enrolment;
+const dmclientsmrktcmp& dmCampaignProcessor::LoadEnrolment(const std::shared_ptr<Recordset>& rs,
+                                                           std::string* email) {
+  // Loading from a row sets every column, so one record serves every row.
+  if (!enrolment_) enrolment_ = std::make_shared<dmclientsmrktcmp>();
+  enrolment_->LoadDataFromDS(rs);
+  // The address as NullToText gives it, into the caller's string.
+  const Variant value = rs->FieldValue("Email");
+  if (value.IsNull()) {
+    email->clear();
+  } else if (value.IsString()) {
+    email->assign(value.StringRef());
+  } else {
+    *email = value.ToString();
+  }
+  return *enrolment_;
 }
 
 void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
-                                   const dmmrktcmpitems& item) {
-  auto msg = std::make_shared<dmCampaignMsg>();
-  msg->Account(enrolment.Account());
-  msg->CampaignName(campaign_->CampaignName());
-  msg->CampaignType(std::to_string(campaign_->CampaignType()));
-  msg->CampaignRecID(item.CampaignRecID());
-  msg->CampaignItemRecID(item.RecID());
-  msg->Email(email);
-  msg->MessageFileName(item.MessageFileName());
-  msg->HistoryRecID(history_->RecID());
-  msg->SendDate(send_date_);
-  Messages()->Add(msg);
+                                   const dmmrktcmpitems& item, size_t index) {
+  // A prototype per item holds the texts common to its messages; it is
+  // brought up to date (a copy of its own when messages share the old texts)
+  // whenever a source has changed.
+  if (prototypes_.size() <= index) prototypes_.resize(index + 1);
+  if (!prototypes_[index]) prototypes_[index] = std::make_unique<dmCampaignMsg>();
+  dmCampaignMsg& proto = *prototypes_[index];
+  if (texts_.campaign_type.str().empty() ||
+      texts_.campaign_type_value != campaign_->CampaignType()) {
+    texts_.campaign_type_value = campaign_->CampaignType();
+    texts_.campaign_type = SharedText(std::to_string(texts_.campaign_type_value));
+  }
+  auto common = [&proto](dmCampaignMsg::CommonField field, const SharedText& text) {
+    if (&proto.SharedCommon(field).str() != &text.str()) {
+      switch (field) {
+        case dmCampaignMsg::kCampaignType:
+          proto.CampaignType(text);
+          break;
+        case dmCampaignMsg::kHistoryRecID:
+          proto.HistoryRecID(text);
+          break;
+        case dmCampaignMsg::kCampaignRecID:
+          proto.CampaignRecID(text);
+          break;
+        case dmCampaignMsg::kCampaignItemRecID:
+          proto.CampaignItemRecID(text);
+          break;
+        case dmCampaignMsg::kMessageFileName:
+          proto.MessageFileName(text);
+          break;
+        case dmCampaignMsg::kSendDate:
+          proto.SendDate(text);
+          break;
+        default:
+          proto.CampaignName(text);
+          break;
+      }
+    }
+  };
+  if (item_texts_.size() <= index) item_texts_.resize(index + 1);
+  ItemTexts& it = item_texts_[index];
+  common(dmCampaignMsg::kCampaignName, Current(texts_.campaign_name, campaign_->CampaignName()));
+  common(dmCampaignMsg::kCampaignType, texts_.campaign_type);
+  common(dmCampaignMsg::kCampaignRecID, Current(it.campaign_rec_id, item.CampaignRecID()));
+  common(dmCampaignMsg::kCampaignItemRecID, Current(it.rec_id, item.RecID()));
+  common(dmCampaignMsg::kMessageFileName, Current(it.message_file_name, item.MessageFileName()));
+  common(dmCampaignMsg::kHistoryRecID, Current(texts_.history_rec_id, history_->RecID()));
+  common(dmCampaignMsg::kSendDate, Current(texts_.send_date, send_date_));
+  // The run's messages are made and released together: from the bulk arena.
+  auto msg = std::allocate_shared<dmCampaignMsg>(db::BulkAllocator<dmCampaignMsg>());
+  msg->Account(Current(texts_.account, enrolment.Account()));
+  msg->ShareCommonTexts(proto);
+  msg->Email(Current(texts_.email, email));
+  // Listed first, then queued: a failing queue write leaves it listed.
+  const dmCampaignMsg& listed = *msg;
+  EnsureCollection(messages_).Add(std::move(msg));
   if (use_message_queue_) {
     if (!message_queue_) message_queue_ = std::make_shared<dmmsgqueue>();
-    message_queue_->WriteMessage(*msg);
+    message_queue_->WriteMessage(listed);
   }
 }
 
@@ -192,25 +308,45 @@ void dmCampaignProcessor::RaiseStatusChange(std::string& message, std::int32_t& 
   total = args[2].ToLong();
 }
 
+// Prepares the sent-item query for the length of one procedure.
+class dmCampaignProcessor::SentItemQueries {
+ public:
+  explicit SentItemQueries(dmCampaignProcessor& p) : p_(p) { p_.BeginSentItemQueries(); }
+  ~SentItemQueries() { p_.EndSentItemQueries(); }
+  SentItemQueries(const SentItemQueries&) = delete;
+  SentItemQueries& operator=(const SentItemQueries&) = delete;
+
+ private:
+  dmCampaignProcessor& p_;
+};
+
 void dmCampaignProcessor::ProcessSequentialOffset() {
   auto rs = OpenEnrolments();
   std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
   std::int32_t cnt = 0;
   ItemList& items = *CampaignItems();
+  SentItemQueries queries(*this);
+  std::string email;
   while (!rs->Eof()) {
     ++cnt;
-    std::string email;
-    auto enrolment = LoadEnrolment(rs, &email);
+    NextEnrolmentRow();
+    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
     if (!IsPlaceholderAddress(email)) {
+      std::int16_t days = 0;
+      bool have_days = false;
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
-        if (AlreadySent(item, enrolment->Account())) continue;
-        // Both sides of the date test are 16-bit numbers, as the schedule was designed.
-        std::int16_t days = RoundToInteger(
-            static_cast<double>(DateDiff("d", enrolment->EffectiveDate(), current_date_)));
+        if (AlreadySent(item, enrolment.Account())) continue;
+        // Both sides of the date test are 16-bit numbers, as the schedule was
+        // designed; the day count is the same for every item of the row.
+        if (!have_days) {
+          days = RoundToInteger(
+              static_cast<double>(DateDiff("d", enrolment.EffectiveDate(), current_date_)));
+          have_days = true;
+        }
         std::int16_t interval = RoundToInteger(item.Interval());
-        if (days >= interval) HandOver(*enrolment, email, item);
+        if (days >= interval) HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
       }
     }
     rs->MoveNext();
@@ -222,16 +358,18 @@ void dmCampaignProcessor::ProcessIncremental() {
   std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
   std::int32_t cnt = 0;
   ItemList& items = *CampaignItems();
+  SentItemQueries queries(*this);
+  std::string email;
   while (!rs->Eof()) {
     ++cnt;
-    std::string email;
-    auto enrolment = LoadEnrolment(rs, &email);
+    NextEnrolmentRow();
+    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
     if (!IsPlaceholderAddress(email)) {
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
-        if (!AlreadySent(item, enrolment->Account())) {
-          HandOver(*enrolment, email, item);
+        if (!AlreadySent(item, enrolment.Account())) {
+          HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
           break;
         }
       }
@@ -243,11 +381,13 @@ void dmCampaignProcessor::ProcessIncremental() {
 void dmCampaignProcessor::ProcessStandardList() {
   auto rs = OpenEnrolments();
   ItemList& items = *CampaignItems();
+  std::string email;
   while (!rs->Eof()) {
-    std::string email;
-    auto enrolment = LoadEnrolment(rs, &email);
+    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     if (!IsPlaceholderAddress(email)) {
-      for (std::int32_t i = 1; i <= items.Count(); ++i) HandOver(*enrolment, email, *items.Item(i));
+      for (std::int32_t i = 1; i <= items.Count(); ++i) {
+        HandOver(enrolment, email, *items.Item(i), static_cast<size_t>(i - 1));
+      }
     }
     rs->MoveNext();
   }

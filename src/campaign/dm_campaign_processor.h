@@ -37,6 +37,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "campaign/dm_campaign_msg.h"
 #include "campaign/dmclientsmrktcmp.h"
@@ -50,6 +51,11 @@
 #include "platform/object.h"
 
 namespace quillo {
+
+namespace db {
+class PreparedQuery;
+class ReadHold;
+}  // namespace db
 
 class SQLStatement;
 
@@ -130,13 +136,20 @@ class dmCampaignProcessor : public Object {
   // True when `item` was sent to `account` (a dmsentitems row exists).
   bool AlreadySent(const dmmrktcmpitems& item, const std::string& account);
   // Loads the enrolment of the current row and its e-mail address.
-  std::shared_ptr<dmclientsmrktcmp> LoadEnrolment(const std::shared_ptr<Recordset>& rs,
-                                                  std::string* email);
+  const dmclientsmrktcmp& LoadEnrolment(const std::shared_ptr<Recordset>& rs, std::string* email);
   // Builds, lists and (when queueing) queues the message for one enrolment and item.
+  // `index` is the item's 0-based place in the item collection.
   void HandOver(const dmclientsmrktcmp& enrolment, const std::string& email,
-                const dmmrktcmpitems& item);
+                const dmmrktcmpitems& item, size_t index);
   void RaiseStatusChange(std::string& message, std::int32_t& cnt, std::int32_t& total);
   SQLStatement& Statement();
+  // Prepares the sent-item query on the connection's engine for one run.
+  void BeginSentItemQueries();
+  // Drops the prepared sent-item query and any read snapshot held for it.
+  void EndSentItemQueries();
+  // Counts an enrolment row; renews the read snapshot every few rows.
+  void NextEnrolmentRow();
+  class SentItemQueries;
 
   bool use_message_queue_ = false;
   std::shared_ptr<dmmsgqueue> message_queue_;       // Lent by the host, or made on first use.
@@ -153,6 +166,29 @@ class dmCampaignProcessor : public Object {
   std::unique_ptr<SQLStatement> statement_;     // Created on first use.
   std::string send_date_;                       // CurrentDate as "yyyy-mm-dd" for this run.
   StatusChangeHandler on_status_change_;
+
+  // The sent-item query prepared once per run (null: every query goes as
+  // text), the engine it was prepared on, and the read snapshot taken for
+  // the queries (see NextEnrolmentRow).
+  std::unique_ptr<db::PreparedQuery> sent_query_;
+  std::uint64_t sent_query_backend_ = 0;
+  std::unique_ptr<db::ReadHold> read_hold_;
+  std::int32_t rows_since_hold_ = 0;  // Enrolment rows since the snapshot was renewed.
+
+  // The texts given to the messages of the run, shared between them; each is
+  // compared with its source before use and renewed when that has changed.
+  struct MessageTexts {
+    SharedText campaign_name, campaign_type, history_rec_id, send_date;
+    SharedText email, account;
+    std::int32_t campaign_type_value = 0;
+  };
+  struct ItemTexts {
+    SharedText campaign_rec_id, rec_id, message_file_name;
+  };
+  MessageTexts texts_;
+  std::shared_ptr<dmclientsmrktcmp> enrolment_;  // Reloaded for every enrolment row.
+  std::vector<ItemTexts> item_texts_;
+  std::vector<std::unique_ptr<dmCampaignMsg>> prototypes_;  // Per item: the common texts.
 };
 
 }  // namespace quillo

@@ -214,17 +214,52 @@ std::shared_ptr<dmCampaignMsg> dmmsgqueue::ReadMessage() {
     read_failed_ = true;
     return nullptr;
   }
+  // Each field shares its text with a recent record's equal field, and the
+  // seven common fields (file, item, campaign name and id, run, kind, date)
+  // share one block with recent records that had the same seven.
+  const SharedText* texts[9];
+  for (int i = 0; i < 9; ++i) texts[i] = &RecentText(i, f[i]);
+  // Queue order of the seven common fields, in the message's common order.
+  static constexpr int kCommonAt[dmCampaignMsg::kCommonFields] = {7, 6, 5, 3, 1, 8, 4};
+  dmCampaignMsg* prototype = nullptr;
+  for (const auto& candidate : prototypes_) {
+    if (!candidate) continue;
+    bool same = true;
+    for (int k = 0; k < dmCampaignMsg::kCommonFields && same; ++k) {
+      same = &candidate->SharedCommon(static_cast<dmCampaignMsg::CommonField>(k)).str() ==
+             &texts[kCommonAt[k]]->str();
+    }
+    if (same) {
+      prototype = candidate.get();
+      break;
+    }
+  }
+  if (!prototype) {
+    auto& slot = prototypes_[next_prototype_++ % kRecent];
+    slot = std::make_unique<dmCampaignMsg>();
+    slot->CampaignType(*texts[7]);
+    slot->HistoryRecID(*texts[6]);
+    slot->CampaignRecID(*texts[5]);
+    slot->CampaignItemRecID(*texts[3]);
+    slot->MessageFileName(*texts[1]);
+    slot->SendDate(*texts[8]);
+    slot->CampaignName(*texts[4]);
+    prototype = slot.get();
+  }
   auto msg = std::make_shared<dmCampaignMsg>();
-  msg->Email(std::string(f[0]));
-  msg->MessageFileName(std::string(f[1]));
-  msg->Account(std::string(f[2]));
-  msg->CampaignItemRecID(std::string(f[3]));
-  msg->CampaignName(std::string(f[4]));
-  msg->CampaignRecID(std::string(f[5]));
-  msg->HistoryRecID(std::string(f[6]));
-  msg->SendDate(std::string(f[8]));
-  msg->CampaignType(std::string(f[7]));
+  msg->Email(*texts[0]);
+  msg->Account(*texts[2]);
+  msg->ShareCommonTexts(*prototype);
   return msg;
+}
+
+const SharedText& dmmsgqueue::RecentText(int field, std::string_view text) {
+  for (const SharedText& recent : recent_[field]) {
+    if (recent.Equals(text)) return recent;
+  }
+  SharedText& slot = recent_[field][next_recent_[field]++ % kRecent];
+  slot = SharedText(std::string(text));
+  return slot;
 }
 
 std::int32_t dmmsgqueue::Count() {
@@ -256,6 +291,10 @@ void dmmsgqueue::Release() {
   read_begin_ = read_end_ = 0;
   read_eof_ = false;
   read_failed_ = false;
+  for (auto& field : recent_) {
+    for (SharedText& text : field) text = SharedText();
+  }
+  for (auto& prototype : prototypes_) prototype.reset();
 }
 
 const MemberTable& dmmsgqueue::Members() const {

@@ -122,6 +122,15 @@ class dmmsgqueue : public Object {
   size_t read_end_ = 0;                  // One past the last valid byte.
   bool read_eof_ = false;                // The file has no more bytes.
   bool read_failed_ = false;             // An unreadable record ended the pass.
+  // The texts of the last few distinct values of each field (in file order),
+  // and the last few blocks of common texts: fields that repeat (campaign,
+  // item, run, date) are shared between the messages read.
+  static constexpr unsigned kRecent = 4;
+  const SharedText& RecentText(int field, std::string_view text);
+  SharedText recent_[9][kRecent];
+  unsigned next_recent_[9] = {};
+  std::unique_ptr<dmCampaignMsg> prototypes_[kRecent];
+  unsigned next_prototype_ = 0;
 };
 
 }  // namespace quillo

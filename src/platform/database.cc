@@ -4,11 +4,23 @@
 #include <utility>
 
 #include "platform/db/backend.h"
+#include "platform/db/row_store.h"
 #include "platform/error.h"
 #include "platform/text.h"
 
 namespace quillo {
 namespace {
+
+// EqualsIgnoreCase for column names, inline: the record classes look up
+// every column of every row by name.
+inline char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+bool SameName(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i] && Fold(a[i]) != Fold(b[i])) return false;
+  }
+  return true;
+}
 
 [[noreturn]] void RaiseClosed() {
   Raise(err::kDbObjectClosed, "Operation is not allowed when the object is closed.");
@@ -104,7 +116,7 @@ void Recordset::Open(std::string_view source, const std::shared_ptr<Connection>&
   const bool forward_only = cursor_type == kAdOpenForwardOnly;
   std::unique_ptr<db::Cursor> cursor = backend.Query(source, forward_only);
   names_ = cursor->Names();
-  rows_.clear();
+  rows_.reset();
   row_.clear();
   position_ = 0;
   if (forward_only) {
@@ -112,8 +124,10 @@ void Recordset::Open(std::string_view source, const std::shared_ptr<Connection>&
     has_next_ = !eof_ && cursor->Next(&next_row_);
     cursor_ = has_next_ ? std::move(cursor) : nullptr;
   } else {
-    std::vector<Variant> row;
-    while (cursor->Next(&row)) rows_.push_back(std::move(row));
+    auto rows = std::make_unique<db::RowStore>();
+    while (cursor->NextInto(rows.get())) {
+    }
+    rows_ = std::move(rows);
     cursor_.reset();
   }
   cursor_type_ = forward_only ? kAdOpenForwardOnly
@@ -130,7 +144,7 @@ void Recordset::RequireOpen() const {
 bool Recordset::Eof() const {
   RequireOpen();
   if (cursor_type_ == kAdOpenForwardOnly) return eof_;
-  return position_ >= rows_.size();
+  return position_ >= rows_->size();
 }
 
 void Recordset::MoveNext() {
@@ -151,33 +165,34 @@ void Recordset::MoveNext() {
       eof_ = true;
     }
   } else {
-    ++position_;
+    // Recordsets only move forward: the rows passed are never read again.
+    rows_->ReleaseBefore(++position_);
   }
 }
 
 long Recordset::RecordCount() const {
   RequireOpen();
   if (cursor_type_ == kAdOpenForwardOnly) return -1;
-  return static_cast<long>(rows_.size());
+  return static_cast<long>(rows_->size());
 }
 
 long Recordset::ColumnIndex(std::string_view name) const {
   for (size_t i = 0; i < names_.size(); ++i) {
-    if (EqualsIgnoreCase(names_[i], name)) return static_cast<long>(i);
+    if (SameName(names_[i], name)) return static_cast<long>(i);
   }
   Raise(err::kDbItemNotFound,
         "Item cannot be found in the collection corresponding to the "
         "requested name or ordinal.");
 }
 
-const Variant& Recordset::CurrentValue(long column) const {
+Variant Recordset::CurrentValue(long column) const {
   if (Eof()) {
     Raise(err::kDbNoCurrentRecord,
           "Either BOF or EOF is True, or the current record has been deleted. Requested "
           "operation requires a current record.");
   }
   if (cursor_type_ == kAdOpenForwardOnly) return row_[static_cast<size_t>(column)];
-  return rows_[position_][static_cast<size_t>(column)];
+  return rows_->Value(position_, static_cast<size_t>(column));
 }
 
 std::shared_ptr<Field> Recordset::Fields(std::string_view name) const {
@@ -210,7 +225,7 @@ void Recordset::Close() {
   RequireOpen();
   open_ = false;
   cursor_.reset();
-  rows_.clear();
+  rows_.reset();
   row_.clear();
   next_row_.clear();
   has_next_ = false;

@@ -40,6 +40,7 @@ namespace quillo {
 namespace db {
 class Backend;
 class Cursor;
+class RowStore;
 }  // namespace db
 
 // The database layer's own error numbers.
@@ -155,7 +156,7 @@ class Recordset : public Object {
  private:
   void RequireOpen() const;
   long ColumnIndex(std::string_view name) const;
-  const Variant& CurrentValue(long column) const;
+  Variant CurrentValue(long column) const;
 
   bool open_ = false;
   long cursor_type_ = kAdOpenForwardOnly;
@@ -166,8 +167,8 @@ class Recordset : public Object {
   std::vector<Variant> next_row_;
   bool has_next_ = false;
   bool eof_ = true;
-  // Keyset and static: every row, and the position in them.
-  std::vector<std::vector<Variant>> rows_;
+  // Keyset and static: every row, packed, and the position in them.
+  std::unique_ptr<db::RowStore> rows_;
   size_t position_ = 0;
 };
 

@@ -503,6 +503,88 @@ TEST_P(Processor, ADatabaseFailureMidRunEndsItAndKeepsWhatWasDone) {
   EXPECT_EQ(HistoryRows(), 1);
 }
 
+TEST_P(Processor, AHandlerMayLogSentItemsAndChangeTheSchemaOnTheSameConnectionMidRun) {
+  AddCampaign("C", 2);
+  AddItem("I1", "C", 0, "a.txt");
+  AddItem("I2", "C", 7, "b.txt");
+  for (int i = 0; i < 200; ++i) {
+    const std::string a = "A" + std::to_string(1000 + i);
+    AddClient(a, a + "@x.com");
+    Enrol(a, "C", kRunDate);
+  }
+  auto p = MakeProcessor("C");
+  p->LoadData();
+  // The handler logs item 1 as sent for every client from the 100th on, and
+  // adds a table at row 150: the run sees the log and the change succeeds.
+  p->OnStatusChange([&](std::string&, std::int32_t& cnt, std::int32_t&) {
+    if (cnt >= 100) MarkSent("A" + std::to_string(1000 + cnt - 1), "C", "I1");
+    if (cnt == 150) Exec("CREATE TABLE handler_table (a INTEGER)");
+  });
+  p->Process();
+  ASSERT_EQ(p->Messages()->Count(), 200);
+  for (std::int32_t n = 1; n <= 200; ++n) {
+    EXPECT_EQ(p->Message(n)->CampaignItemRecID(), n < 100 ? "I1" : "I2") << n;
+  }
+  EXPECT_EQ(CountRows(connection_, "SELECT a FROM handler_table"), 0);
+}
+
+TEST_P(Processor, SentItemsLoggedByAnotherConnectionDuringTheRunAreSeen) {
+  AddCampaign("C", 2);
+  AddItem("I1", "C", 0, "a.txt");
+  AddItem("I2", "C", 7, "b.txt");
+  for (int i = 0; i < 300; ++i) {
+    const std::string a = "A" + std::to_string(1000 + i);
+    AddClient(a, a + "@x.com");
+    Enrol(a, "C", kRunDate);
+  }
+  if (connection_->ConnectionString().find(":memory:") != std::string::npos) {
+    GTEST_SKIP() << "an in-memory database has a single connection";
+  }
+  auto other = std::make_shared<Connection>();
+  other->Open(connection_->ConnectionString());
+  auto p = MakeProcessor("C");
+  p->LoadData();
+  // At row 100 another connection logs item 1 for the last 100 clients.
+  p->OnStatusChange([&](std::string&, std::int32_t& cnt, std::int32_t&) {
+    if (cnt != 100) return;
+    for (int i = 200; i < 300; ++i) {
+      other->Execute(
+          "INSERT INTO dmsentitems (RecID, Account, CampaignRecID, CampaignItemRecID, "
+          "HistoryRecID) VALUES ('O" +
+          std::to_string(i) + "', 'A" + std::to_string(1000 + i) + "', 'C', 'I1', 'H')");
+    }
+  });
+  p->Process();
+  ASSERT_EQ(p->Messages()->Count(), 300);
+  for (std::int32_t n = 1; n <= 300; ++n) {
+    EXPECT_EQ(p->Message(n)->CampaignItemRecID(), n <= 200 ? "I1" : "I2") << n;
+  }
+}
+
+TEST_P(Processor, MessagesShareTheRunsTextsAndEachKeepsItsOwnWhenSet) {
+  AddCampaign("C", 0);
+  AddItem("I1", "C", 0, "a.txt");
+  AddItem("I2", "C", 7, "b.txt");
+  AddClient("A", "a@x.com");
+  AddClient("B", "b@x.com");
+  Enrol("A", "C", kRunDate);
+  Enrol("B", "C", kRunDate);
+  auto p = MakeProcessor("C");
+  p->LoadData();
+  p->Process();
+  ASSERT_EQ(p->Messages()->Count(), 4);
+  auto m1 = p->Message(1);
+  auto m3 = p->Message(3);
+  EXPECT_EQ(&m1->CampaignName(), &m3->CampaignName());
+  EXPECT_EQ(&m1->Email(), &p->Message(2)->Email());
+  m1->CampaignName("Changed");
+  m1->Email("other@x.com");
+  EXPECT_EQ(m1->CampaignName(), "Changed");
+  EXPECT_EQ(m3->CampaignName(), "Spring");
+  EXPECT_EQ(p->Message(2)->Email(), "a@x.com");
+  EXPECT_EQ(p->Message(2)->CampaignName(), "Spring");
+}
+
 TEST_P(Processor, AnEnrolmentQueryFailureEndsTheRunAfterTheHistoryRow) {
   AddCampaign("C", 0);
   auto p = MakeProcessor("C");

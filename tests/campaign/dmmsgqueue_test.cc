@@ -128,6 +128,33 @@ TEST_F(QueueTest, ThreeMessagesReadBackInWritingOrderAndCountThree) {
   EXPECT_EQ(q.Count(), 3);
 }
 
+TEST_F(QueueTest, MessagesReadBackWithRepeatedFieldsKeepTheirOwnTextsWhenSet) {
+  dmmsgqueue q;
+  q.MessageQueueFileName(Path("q.txt"));
+  ASSERT_TRUE(q.OpenQueueWrite());
+  auto a = MakeMessage(1);
+  auto b = MakeMessage(1);
+  b->Email("other@example.com");
+  auto c = MakeMessage(2);
+  for (const auto& m : {a, b, c}) q.WriteMessage(m);
+  q.CloseQueue();
+  ASSERT_TRUE(q.OpenQueueRead());
+  auto ra = q.ReadMessage();
+  auto rb = q.ReadMessage();
+  auto rc = q.ReadMessage();
+  ASSERT_TRUE(ra && rb && rc);
+  q.CloseQueue();
+  ExpectSameMessage(*ra, *a);
+  ExpectSameMessage(*rb, *b);
+  ExpectSameMessage(*rc, *c);
+  ra->CampaignName("Renamed");
+  ra->SendDate("2027-01-01");
+  EXPECT_EQ(ra->CampaignName(), "Renamed");
+  EXPECT_EQ(ra->SendDate(), "2027-01-01");
+  ExpectSameMessage(*rb, *b);
+  ExpectSameMessage(*rc, *c);
+}
+
 TEST_F(QueueTest, CampaignNameWithCommaReadsBackIntact) {
   dmmsgqueue q;
   q.MessageQueueFileName(Path("q.txt"));

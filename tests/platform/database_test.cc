@@ -309,6 +309,44 @@ TEST_P(DatabaseEngineTest, CursorTypesAndRecordCount) {
   EXPECT_TRUE(rs.Eof());
 }
 
+TEST_P(DatabaseEngineTest, KeysetRowsOfEveryTypeReadBackAcrossManyRows) {
+  // Enough rows to fill several storage blocks, each with every value kind
+  // (and texts of varied length), read back in order and compared with the
+  // same rows read forward-only.
+  schema::Create(*conn_);
+  conn_->Execute(
+      "CREATE TABLE mix (n INTEGER, s SMALLINT, r REAL, d DOUBLE PRECISION, t VARCHAR(200), "
+      "w TIMESTAMP)");
+  conn_->Execute("BEGIN");
+  for (int i = 0; i < 6000; ++i) {
+    const std::string text =
+        i % 7 == 0 ? "NULL" : "'" + std::string(i % 150, 'a' + i % 26) + "''q'";
+    conn_->Execute("INSERT INTO mix VALUES (" + std::to_string(i * 1000) + ", " +
+                   std::to_string(i % 300) + ", " + std::to_string(i) + ".5, " + std::to_string(i) +
+                   ".25, " + text + ", " +
+                   (i % 5 == 0 ? std::string("NULL") : "{ts '2026-01-02 03:04:05'}") + ")");
+  }
+  conn_->Execute("COMMIT");
+  Recordset keyset;
+  Recordset forward;
+  keyset.Open("SELECT * FROM mix ORDER BY n", conn_, kAdOpenKeyset);
+  forward.Open("SELECT * FROM mix ORDER BY n", conn_, kAdOpenForwardOnly);
+  EXPECT_EQ(keyset.RecordCount(), 6000);
+  long rows = 0;
+  for (; !keyset.Eof(); keyset.MoveNext(), forward.MoveNext(), ++rows) {
+    ASSERT_FALSE(forward.Eof());
+    for (const char* column : {"n", "s", "r", "d", "t", "w"}) {
+      const Variant a = keyset.FieldValue(column);
+      const Variant b = forward.FieldValue(column);
+      ASSERT_EQ(a.Type(), b.Type()) << column << " row " << rows;
+      ASSERT_EQ(a, b) << column << " row " << rows;
+    }
+  }
+  EXPECT_EQ(rows, 6000);
+  EXPECT_TRUE(forward.Eof());
+  EXPECT_EQ(keyset.RecordCount(), 6000);
+}
+
 TEST_P(DatabaseEngineTest, OpenRecordsetCannotBeOpenedAgain) {
   Recordset rs;
   rs.Open("SELECT 1 AS one", conn_, kAdOpenStatic);

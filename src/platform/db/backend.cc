@@ -1,13 +1,31 @@
 // Choosing the engine from the connection text, and the PostgreSQL error numbers.
 #include "platform/db/backend.h"
 
+#include <atomic>
+
 #include "platform/database.h"
 #include "platform/db/postgres_backend.h"
+#include "platform/db/row_store.h"
 #include "platform/db/sqlite_backend.h"
 #include "platform/error.h"
 #include "platform/text.h"
 
 namespace quillo::db {
+
+Backend::Backend() {
+  static std::atomic<std::uint64_t> next{0};
+  serial_ = ++next;
+}
+
+bool Cursor::NextInto(RowStore* rows) {
+  if (!Next(&scratch_)) return false;
+  rows->Append(scratch_);
+  return true;
+}
+
+std::unique_ptr<PreparedQuery> Backend::Prepare(std::string_view) { return nullptr; }
+
+std::unique_ptr<ReadHold> Backend::HoldRead() { return nullptr; }
 
 std::unique_ptr<Backend> OpenBackend(std::string_view connection_text) {
   std::string_view text = connection_text;

@@ -124,11 +124,58 @@ std::string TrimMessage(const char* message) {
   return text;
 }
 
+// Whether the backend that made a prepared query still owns its connection.
+struct PgLink {
+  PGconn* conn = nullptr;
+  bool alive = true;
+};
+
+// A statement of the caller's, prepared on the server under its own name.
+class PgPreparedQuery : public PreparedQuery {
+ public:
+  PgPreparedQuery(std::shared_ptr<PgLink> link, std::string name, int params)
+      : link_(std::move(link)), name_(std::move(name)), params_(params) {}
+  ~PgPreparedQuery() override {
+    PGconn* conn = link_->conn;
+    if (!link_->alive || PQstatus(conn) != CONNECTION_OK ||
+        PQtransactionStatus(conn) != PQTRANS_IDLE) {
+      return;
+    }
+    ResultPtr r(PQexec(conn, ("DEALLOCATE " + name_).c_str()));
+  }
+  std::optional<bool> HasRow(std::span<const std::string_view> values) override {
+    PGconn* conn = link_->conn;
+    // Inside an explicit transaction a failure would abort it: the caller's
+    // plain text goes instead.
+    if (!link_->alive || static_cast<int>(values.size()) != params_ ||
+        PQstatus(conn) != CONNECTION_OK || PQtransactionStatus(conn) != PQTRANS_IDLE) {
+      return {};
+    }
+    texts_.assign(values.begin(), values.end());
+    pointers_.clear();
+    for (const std::string& t : texts_) pointers_.push_back(t.c_str());
+    ResultPtr r(
+        PQexecPrepared(conn, name_.c_str(), params_, pointers_.data(), nullptr, nullptr, 0));
+    if (!r || PQresultStatus(r.get()) != PGRES_TUPLES_OK) return {};
+    return PQntuples(r.get()) > 0;
+  }
+
+ private:
+  std::shared_ptr<PgLink> link_;
+  std::string name_;
+  int params_;
+  std::vector<std::string> texts_;
+  std::vector<const char*> pointers_;
+};
+
 class PgBackend : public Backend {
  public:
   explicit PgBackend(PGconn* conn)
-      : conn_(conn), cache_(128, [this](PgPrepared& p) { Deallocate(p); }) {}
+      : conn_(conn),
+        link_(std::make_shared<PgLink>(PgLink{conn, true})),
+        cache_(128, [this](PgPrepared& p) { Deallocate(p); }) {}
   ~PgBackend() override {
+    link_->alive = false;
     closing_ = true;
     cache_.Clear();
     PQfinish(conn_);
@@ -144,6 +191,34 @@ class PgBackend : public Backend {
 
   std::unique_ptr<Cursor> Query(std::string_view sql, bool /*stream*/) override {
     return std::make_unique<PgCursor>(Run(sql));
+  }
+
+  std::unique_ptr<PreparedQuery> Prepare(std::string_view sql) override {
+    if (PQstatus(conn_) != CONNECTION_OK || PQtransactionStatus(conn_) != PQTRANS_IDLE) {
+      return nullptr;
+    }
+    // "?" becomes $1, $2, ... (outside quoted text).
+    std::string text;
+    int params = 0;
+    char quote = 0;
+    for (char c : sql) {
+      if (quote) {
+        if (c == quote) quote = 0;
+        text.push_back(c);
+      } else if (c == '\'' || c == '"') {
+        quote = c;
+        text.push_back(c);
+      } else if (c == '?') {
+        text.push_back('$');
+        text.append(std::to_string(++params));
+      } else {
+        text.push_back(c);
+      }
+    }
+    std::string name = "quillo_q" + std::to_string(++counter_);
+    ResultPtr prep(PQprepare(conn_, name.c_str(), text.c_str(), 0, nullptr));
+    if (!Ok(prep.get())) return nullptr;
+    return std::make_unique<PgPreparedQuery>(link_, std::move(name), params);
   }
 
   void Setup() {
@@ -270,6 +345,7 @@ class PgBackend : public Backend {
   }
 
   PGconn* conn_;
+  std::shared_ptr<PgLink> link_;
   StatementCache<PgPrepared> cache_;
   Shape shape_;
   std::vector<Oid> types_;

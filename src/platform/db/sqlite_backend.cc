@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/database.h"
+#include "platform/db/row_store.h"
 #include "platform/db/sql_text.h"
 #include "platform/db/statement_cache.h"
 #include "platform/db/value_parse.h"
@@ -131,6 +132,36 @@ class SqliteCursor : public Cursor {
       }
       return true;
     }
+    return Stopped(rc);
+  }
+  bool NextInto(RowStore* rows) override {
+    if (done_) return false;
+    sqlite3_stmt* stmt = prepared_->stmt;
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW) {
+      const size_t n = prepared_->kinds.size();
+      rows->BeginRow(n);
+      for (size_t i = 0; i < n; ++i) {
+        const int at = static_cast<int>(i);
+        const ColumnKind kind = prepared_->kinds[i];
+        // Text that stays text goes in as it is; everything else as Next maps it.
+        if (sqlite3_column_type(stmt, at) == SQLITE_TEXT && kind != ColumnKind::kDate) {
+          const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt, at));
+          rows->AddText(
+              std::string_view(p ? p : "", static_cast<size_t>(sqlite3_column_bytes(stmt, at))));
+        } else {
+          rows->Add(ColumnValue(stmt, at, kind));
+        }
+      }
+      rows->EndRow();
+      return true;
+    }
+    return Stopped(rc);
+  }
+
+ private:
+  // After a step that gave no row: false at the end, else the engine's error.
+  bool Stopped(int rc) {
     if (rc == SQLITE_DONE) {
       Finish();
       return false;
@@ -140,8 +171,6 @@ class SqliteCursor : public Cursor {
     Finish();
     Raise(code ? code : rc & 0xff, text);
   }
-
- private:
   void Finish() {
     if (done_) return;
     done_ = true;
@@ -155,6 +184,69 @@ class SqliteCursor : public Cursor {
   bool done_ = false;
 };
 
+// A statement of the caller's, prepared once and re-bound for each run.
+class SqlitePrepared : public PreparedQuery {
+ public:
+  SqlitePrepared(DbHandlePtr handle, sqlite3_stmt* stmt)
+      : handle_(std::move(handle)), stmt_(stmt) {}
+  ~SqlitePrepared() override { sqlite3_finalize(stmt_); }
+  std::optional<bool> HasRow(std::span<const std::string_view> values) override {
+    if (static_cast<int>(values.size()) != sqlite3_bind_parameter_count(stmt_)) return {};
+    for (size_t i = 0; i < values.size(); ++i) {
+      if (sqlite3_bind_text(stmt_, static_cast<int>(i) + 1, values[i].data(),
+                            static_cast<int>(values[i].size()), SQLITE_STATIC) != SQLITE_OK) {
+        sqlite3_clear_bindings(stmt_);
+        return {};
+      }
+    }
+    // Every run binds every parameter, so the bindings need no clearing.
+    const int rc = sqlite3_step(stmt_);
+    sqlite3_reset(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    return {};
+  }
+
+ private:
+  DbHandlePtr handle_;
+  sqlite3_stmt* stmt_;
+};
+
+// A read of the schema table left open at its first row: while it stays
+// open the connection keeps its read transaction (and the file locks that
+// go with it), so the statements run meanwhile do not take them again.
+// Shared by the backend, which lets it go before any other statement runs,
+// and the ReadHold handed out.
+struct HoldState {
+  DbHandlePtr handle;
+  sqlite3_stmt* stmt = nullptr;
+  bool taken = false;
+  ~HoldState() { sqlite3_finalize(stmt); }
+  void LetGo() {
+    if (!taken) return;
+    sqlite3_reset(stmt);
+    taken = false;
+  }
+};
+
+class SqliteReadHold : public ReadHold {
+ public:
+  explicit SqliteReadHold(std::shared_ptr<HoldState> state) : state_(std::move(state)) {}
+  ~SqliteReadHold() override { state_->LetGo(); }
+  void Take() override {
+    if (state_->taken || !sqlite3_get_autocommit(state_->handle->db)) return;
+    if (sqlite3_step(state_->stmt) == SQLITE_ROW) {
+      state_->taken = true;
+    } else {
+      sqlite3_reset(state_->stmt);
+    }
+  }
+  void LetGo() override { state_->LetGo(); }
+
+ private:
+  std::shared_ptr<HoldState> state_;
+};
+
 class SqliteBackend : public Backend {
  public:
   explicit SqliteBackend(DbHandlePtr handle)
@@ -166,6 +258,7 @@ class SqliteBackend : public Backend {
   std::string EngineName() const override { return "sqlite"; }
 
   long Execute(std::string_view sql) override {
+    if (hold_) hold_->LetGo();  // Schema changes and writes go as without it.
     const std::string text = RewriteSql(sql, Dialect::kSqlite);
     if (PreparedPtr p = FromShape(text)) {
       SqliteCursor cursor(handle_, p);
@@ -199,7 +292,33 @@ class SqliteBackend : public Backend {
     return changed;
   }
 
+  std::unique_ptr<PreparedQuery> Prepare(std::string_view sql) override {
+    sqlite3_stmt* stmt = nullptr;
+    const char* tail = nullptr;
+    if (sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                           &stmt, &tail) != SQLITE_OK ||
+        !stmt) {
+      sqlite3_finalize(stmt);
+      return nullptr;
+    }
+    return std::make_unique<SqlitePrepared>(handle_, stmt);
+  }
+
+  std::unique_ptr<ReadHold> HoldRead() override {
+    if (!hold_) {
+      auto state = std::make_shared<HoldState>();
+      state->handle = handle_;
+      if (sqlite3_prepare_v3(db_, "SELECT 1 FROM sqlite_master", -1, SQLITE_PREPARE_PERSISTENT,
+                             &state->stmt, nullptr) != SQLITE_OK) {
+        return nullptr;
+      }
+      hold_ = std::move(state);
+    }
+    return std::make_unique<SqliteReadHold>(hold_);
+  }
+
   std::unique_ptr<Cursor> Query(std::string_view sql, bool /*stream*/) override {
+    if (hold_) hold_->LetGo();  // Every other statement sees the database as it is.
     const std::string text = RewriteSql(sql, Dialect::kSqlite);
     PreparedPtr p = FromShape(text);
     if (!p) {
@@ -269,6 +388,7 @@ class SqliteBackend : public Backend {
   sqlite3* db_;
   StatementCache<PreparedPtr> cache_;
   Shape shape_;
+  std::shared_ptr<HoldState> hold_;  // Made by the first HoldRead.
 };
 
 }  // namespace
