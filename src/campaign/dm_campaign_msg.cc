@@ -12,6 +12,10 @@ SharedText::Rep* SharedText::Make(std::string text, bool bulk) {
   return new (memory) Rep{{1}, bulk, std::move(text)};
 }
 
+SharedText::Rep* SharedText::MakeCopy(std::string_view text) {
+  return new Rep{{1}, false, std::string(text)};
+}
+
 void SharedText::Destroy(Rep* rep) noexcept {
   const bool bulk = rep->bulk;
   rep->~Rep();
@@ -27,13 +31,7 @@ const std::string& SharedText::Empty() {
   return empty;
 }
 
-dmCampaignMsg::~dmCampaignMsg() {
-  if (common_ && common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
-}
-
-const std::string& dmCampaignMsg::CommonText(CommonField field) const {
-  return common_ ? common_->text[field].str() : SharedText::Empty();
-}
+dmCampaignMsg::~dmCampaignMsg() { ReleaseCommon(); }
 
 const SharedText& dmCampaignMsg::SharedCommon(CommonField field) const {
   static const SharedText none;
@@ -51,13 +49,6 @@ void dmCampaignMsg::SetCommon(CommonField field, SharedText value) {
     common_ = own;
   }
   common_->text[field] = std::move(value);
-}
-
-void dmCampaignMsg::ShareCommonTexts(const dmCampaignMsg& other) {
-  if (other.common_ == common_) return;
-  if (other.common_) other.common_->refs.fetch_add(1, std::memory_order_relaxed);
-  if (common_ && common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
-  common_ = other.common_;
 }
 
 // Each property is published setter first, then getter, in the message's

@@ -46,6 +46,12 @@ class SharedText {
     if (!text.empty()) t.rep_ = Make(std::move(text), true);
     return t;
   }
+  // A new text holding a copy of `text`, made in place.
+  static SharedText Copy(std::string_view text) {
+    SharedText t;
+    if (!text.empty()) t.rep_ = MakeCopy(text);
+    return t;
+  }
   SharedText(const SharedText& other) : rep_(other.rep_) { Retain(); }
   SharedText(SharedText&& other) noexcept : rep_(std::exchange(other.rep_, nullptr)) {}
   SharedText& operator=(const SharedText& other) {
@@ -73,6 +79,7 @@ class SharedText {
     std::string text;
   };
   static Rep* Make(std::string text, bool bulk);
+  static Rep* MakeCopy(std::string_view text);
   static void Destroy(Rep* rep) noexcept;
   void Retain() const {
     if (rep_) rep_->refs.fetch_add(1, std::memory_order_relaxed);
@@ -147,7 +154,12 @@ class dmCampaignMsg : public Object {
   };
   // Gives this message the seven common texts of `other` by sharing them;
   // setting any of them later gives this message its own copy first.
-  void ShareCommonTexts(const dmCampaignMsg& other);
+  void ShareCommonTexts(const dmCampaignMsg& other) {
+    if (other.common_ == common_) return;
+    if (other.common_) other.common_->refs.fetch_add(1, std::memory_order_relaxed);
+    ReleaseCommon();
+    common_ = other.common_;
+  }
   // The shared texts behind the properties.
   const SharedText& SharedCommon(CommonField field) const;
   const SharedText& SharedEmail() const { return email_; }
@@ -159,8 +171,14 @@ class dmCampaignMsg : public Object {
     std::atomic<unsigned> refs{1};
     SharedText text[kCommonFields];
   };
-  const std::string& CommonText(CommonField field) const;
+  const std::string& CommonText(CommonField field) const {
+    return common_ ? common_->text[field].str() : SharedText::Empty();
+  }
   void SetCommon(CommonField field, SharedText value);
+  // Drops this message's hold on its common block.
+  void ReleaseCommon() {
+    if (common_ && common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
+  }
 
   Common* common_ = nullptr;  // None until a common text is set or shared.
   SharedText email_;

@@ -214,43 +214,53 @@ std::shared_ptr<dmCampaignMsg> dmmsgqueue::ReadMessage() {
     read_failed_ = true;
     return nullptr;
   }
-  // Each field shares its text with a recent record's equal field, and the
-  // seven common fields (file, item, campaign name and id, run, kind, date)
-  // share one block with recent records that had the same seven.
-  const SharedText* texts[9];
-  for (int i = 0; i < 9; ++i) texts[i] = &RecentText(i, f[i]);
-  // Queue order of the seven common fields, in the message's common order.
-  static constexpr int kCommonAt[dmCampaignMsg::kCommonFields] = {7, 6, 5, 3, 1, 8, 4};
-  dmCampaignMsg* prototype = nullptr;
-  for (const auto& candidate : prototypes_) {
-    if (!candidate) continue;
-    bool same = true;
-    for (int k = 0; k < dmCampaignMsg::kCommonFields && same; ++k) {
-      same = &candidate->SharedCommon(static_cast<dmCampaignMsg::CommonField>(k)).str() ==
-             &texts[kCommonAt[k]]->str();
-    }
-    if (same) {
-      prototype = candidate.get();
-      break;
-    }
-  }
-  if (!prototype) {
-    auto& slot = prototypes_[next_prototype_++ % kRecent];
-    slot = std::make_unique<dmCampaignMsg>();
-    slot->CampaignType(*texts[7]);
-    slot->HistoryRecID(*texts[6]);
-    slot->CampaignRecID(*texts[5]);
-    slot->CampaignItemRecID(*texts[3]);
-    slot->MessageFileName(*texts[1]);
-    slot->SendDate(*texts[8]);
-    slot->CampaignName(*texts[4]);
-    prototype = slot.get();
-  }
   auto msg = std::make_shared<dmCampaignMsg>();
-  msg->Email(*texts[0]);
-  msg->Account(*texts[2]);
-  msg->ShareCommonTexts(*prototype);
+  msg->Email(UniqueText(0, f[0]));
+  msg->Account(UniqueText(1, f[2]));
+  msg->ShareCommonTexts(CommonPrototype(f));
   return msg;
+}
+
+namespace {
+// Queue positions of the seven common fields, in the message's common order.
+constexpr int kCommonAt[dmCampaignMsg::kCommonFields] = {7, 6, 5, 3, 1, 8, 4};
+}  // namespace
+
+const dmCampaignMsg& dmmsgqueue::CommonPrototype(const std::string_view (&fields)[9]) {
+  auto matches = [&fields](const Prototype& p) {
+    if (!p.msg) return false;
+    for (int at : kCommonAt) {
+      if (p.text[at] != fields[at]) return false;
+    }
+    return true;
+  };
+  if (matches(prototypes_[last_prototype_])) return *prototypes_[last_prototype_].msg;
+  for (unsigned i = 0; i < kRecent; ++i) {
+    if (i != last_prototype_ && matches(prototypes_[i])) {
+      last_prototype_ = i;
+      return *prototypes_[i].msg;
+    }
+  }
+  last_prototype_ = next_prototype_++ % kRecent;
+  Prototype& p = prototypes_[last_prototype_];
+  p.msg = std::make_unique<dmCampaignMsg>();
+  p.msg->CampaignType(RecentText(7, fields[7]));
+  p.msg->HistoryRecID(RecentText(6, fields[6]));
+  p.msg->CampaignRecID(RecentText(5, fields[5]));
+  p.msg->CampaignItemRecID(RecentText(3, fields[3]));
+  p.msg->MessageFileName(RecentText(1, fields[1]));
+  p.msg->SendDate(RecentText(8, fields[8]));
+  p.msg->CampaignName(RecentText(4, fields[4]));
+  for (int k = 0; k < dmCampaignMsg::kCommonFields; ++k) {
+    p.text[kCommonAt[k]] = p.msg->SharedCommon(static_cast<dmCampaignMsg::CommonField>(k)).str();
+  }
+  return *p.msg;
+}
+
+SharedText dmmsgqueue::UniqueText(int slot, std::string_view text) {
+  SharedText& last = last_unique_[slot];
+  if (!last.Equals(text)) last = SharedText::Copy(text);
+  return last;
 }
 
 const SharedText& dmmsgqueue::RecentText(int field, std::string_view text) {
@@ -258,7 +268,7 @@ const SharedText& dmmsgqueue::RecentText(int field, std::string_view text) {
     if (recent.Equals(text)) return recent;
   }
   SharedText& slot = recent_[field][next_recent_[field]++ % kRecent];
-  slot = SharedText(std::string(text));
+  slot = SharedText::Copy(text);
   return slot;
 }
 
@@ -294,7 +304,9 @@ void dmmsgqueue::Release() {
   for (auto& field : recent_) {
     for (SharedText& text : field) text = SharedText();
   }
-  for (auto& prototype : prototypes_) prototype.reset();
+  for (auto& prototype : prototypes_) prototype = Prototype();
+  last_prototype_ = next_prototype_ = 0;
+  for (SharedText& text : last_unique_) text = SharedText();
 }
 
 const MemberTable& dmmsgqueue::Members() const {

@@ -122,15 +122,26 @@ class dmmsgqueue : public Object {
   size_t read_end_ = 0;                  // One past the last valid byte.
   bool read_eof_ = false;                // The file has no more bytes.
   bool read_failed_ = false;             // An unreadable record ended the pass.
-  // The texts of the last few distinct values of each field (in file order),
-  // and the last few blocks of common texts: fields that repeat (campaign,
-  // item, run, date) are shared between the messages read.
+  // The seven fields that repeat from record to record (campaign, item, run,
+  // date, ...) are shared between the messages read: each common text with
+  // one of the last few distinct values of its field, and the block of seven
+  // with one of the last few blocks (the one used last is tried first).
+  // Email and Account, unique per record in a run, are shared only with the
+  // record just before.
   static constexpr unsigned kRecent = 4;
+  struct Prototype {
+    std::unique_ptr<dmCampaignMsg> msg;  // Holds the block the messages share.
+    std::string_view text[9];            // Its texts by queue field (common ones only).
+  };
   const SharedText& RecentText(int field, std::string_view text);
+  const dmCampaignMsg& CommonPrototype(const std::string_view (&fields)[9]);
+  SharedText UniqueText(int slot, std::string_view text);
   SharedText recent_[9][kRecent];
   unsigned next_recent_[9] = {};
-  std::unique_ptr<dmCampaignMsg> prototypes_[kRecent];
-  unsigned next_prototype_ = 0;
+  Prototype prototypes_[kRecent];
+  unsigned last_prototype_ = 0;  // The one the last record used.
+  unsigned next_prototype_ = 0;  // The slot to fill next.
+  SharedText last_unique_[2];    // The last Email and Account read.
 };
 
 }  // namespace quillo

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "campaign/dm_campaign_msg.h"
 #include "platform/file.h"
@@ -153,6 +154,43 @@ TEST_F(QueueTest, MessagesReadBackWithRepeatedFieldsKeepTheirOwnTextsWhenSet) {
   EXPECT_EQ(ra->SendDate(), "2027-01-01");
   ExpectSameMessage(*rb, *b);
   ExpectSameMessage(*rc, *c);
+}
+
+TEST_F(QueueTest, RecordsCyclingThroughManyItemsAndRepeatingAClientReadBackAsWritten) {
+  // Six items in turn (more than the reader keeps in mind at once), each
+  // client twice in a row, then a record like the first again.
+  std::vector<std::shared_ptr<dmCampaignMsg>> written;
+  for (int i = 0; i < 40; ++i) {
+    auto m = MakeMessage(i % 6);
+    m->Email("client" + std::to_string(i / 2) + "@example.com");
+    m->Account("ACCOUNT" + std::to_string(i / 2));
+    written.push_back(m);
+  }
+  written.push_back(MakeMessage(0));
+  std::vector<std::shared_ptr<dmCampaignMsg>> read;
+  {
+    dmmsgqueue q;
+    q.MessageQueueFileName(Path("q.txt"));
+    ASSERT_TRUE(q.OpenQueueWrite());
+    for (const auto& m : written) q.WriteMessage(m);
+    q.CloseQueue();
+    ASSERT_TRUE(q.OpenQueueRead());
+    while (auto m = q.ReadMessage()) read.push_back(m);
+  }  // The messages outlive the queue that read them.
+  ASSERT_EQ(read.size(), written.size());
+  for (size_t i = 0; i < read.size(); ++i) ExpectSameMessage(*read[i], *written[i]);
+  // Changing one message leaves the others, with equal texts, as they were.
+  read[0]->Email("changed@example.com");
+  read[0]->Account("CHANGED");
+  read[6]->CampaignItemRecID("CHANGED");
+  EXPECT_EQ(read[0]->Email(), "changed@example.com");
+  EXPECT_EQ(read[0]->Account(), "CHANGED");
+  EXPECT_EQ(read[6]->CampaignItemRecID(), "CHANGED");
+  for (size_t i = 1; i < read.size(); ++i) {
+    if (i != 6) ExpectSameMessage(*read[i], *written[i]);
+  }
+  EXPECT_EQ(read[6]->Email(), written[6]->Email());
+  EXPECT_EQ(read[6]->CampaignName(), written[6]->CampaignName());
 }
 
 TEST_F(QueueTest, CampaignNameWithCommaReadsBackIntact) {
