@@ -193,14 +193,15 @@ void dmCampaignProcessor::NextEnrolmentRow() {
   }
 }
 
-bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::string& account) {
+bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::string& account,
+                                      bool plain_row) {
   // The prepared query answers what the text below asks whenever the values
   // stand in its quotes unchanged; anything else (a value with a quote, a
   // closed or replaced connection, an engine failure) takes the text path,
   // which gives the engine's own answer.
   const std::string& campaign_id = campaign_->RecID();
-  if (sent_query_ && PlainLiteral(campaign_id) && PlainLiteral(item.RecID()) &&
-      PlainLiteral(account) && connection_->State() == kAdStateOpen &&
+  if (sent_query_ && plain_row && PlainLiteral(item.RecID()) &&
+      connection_->State() == kAdStateOpen &&
       connection_->Backend().Serial() == sent_query_backend_) {
     if (read_hold_) read_hold_->Take();
     const std::string_view values[3] = {campaign_id, item.RecID(), account};
@@ -216,19 +217,23 @@ bool dmCampaignProcessor::AlreadySent(const dmmrktcmpitems& item, const std::str
   return !rs->Eof();
 }
 
+bool dmCampaignProcessor::PlainRow(const dmclientsmrktcmp& enrolment) const {
+  return PlainLiteral(campaign_->RecID()) && PlainLiteral(enrolment.Account());
+}
+
 const dmclientsmrktcmp& dmCampaignProcessor::LoadEnrolment(const std::shared_ptr<Recordset>& rs,
                                                            std::string* email) {
   // Loading from a row sets every column, so one record serves every row.
   if (!enrolment_) enrolment_ = std::make_shared<dmclientsmrktcmp>();
   enrolment_->LoadDataFromDS(rs);
   // The address as NullToText gives it, into the caller's string.
-  const Variant value = rs->FieldValue("Email");
-  if (value.IsNull()) {
+  rs->FieldValue("Email", &email_value_);
+  if (email_value_.IsNull()) {
     email->clear();
-  } else if (value.IsString()) {
-    email->assign(value.StringRef());
+  } else if (email_value_.IsString()) {
+    email->assign(email_value_.StringRef());
   } else {
-    *email = value.ToString();
+    *email = email_value_.ToString();
   }
   return *enrolment_;
 }
@@ -333,11 +338,12 @@ void dmCampaignProcessor::ProcessSequentialOffset() {
     const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
     if (!IsPlaceholderAddress(email)) {
+      const bool plain_row = PlainRow(enrolment);
       std::int16_t days = 0;
       bool have_days = false;
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
-        if (AlreadySent(item, enrolment.Account())) continue;
+        if (AlreadySent(item, enrolment.Account(), plain_row)) continue;
         // Both sides of the date test are 16-bit numbers, as the schedule was
         // designed; the day count is the same for every item of the row.
         if (!have_days) {
@@ -366,9 +372,10 @@ void dmCampaignProcessor::ProcessIncremental() {
     const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
     if (!IsPlaceholderAddress(email)) {
+      const bool plain_row = PlainRow(enrolment);
       for (std::int32_t i = 1; i <= items.Count(); ++i) {
         const dmmrktcmpitems& item = *items.Item(i);
-        if (!AlreadySent(item, enrolment.Account())) {
+        if (!AlreadySent(item, enrolment.Account(), plain_row)) {
           HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
           break;
         }

@@ -134,7 +134,10 @@ class dmCampaignProcessor : public Object {
   // Opens the enrolment query of the campaign for CurrentDate.
   std::shared_ptr<Recordset> OpenEnrolments();
   // True when `item` was sent to `account` (a dmsentitems row exists).
-  bool AlreadySent(const dmmrktcmpitems& item, const std::string& account);
+  // `plain_row`: the campaign's key and the account go into a quoted SQL
+  // literal unchanged (PlainRow, asked once per enrolment row).
+  bool AlreadySent(const dmmrktcmpitems& item, const std::string& account, bool plain_row);
+  bool PlainRow(const dmclientsmrktcmp& enrolment) const;
   // Loads the enrolment of the current row and its e-mail address.
   const dmclientsmrktcmp& LoadEnrolment(const std::shared_ptr<Recordset>& rs, std::string* email);
   // Builds, lists and (when queueing) queues the message for one enrolment and item.
@@ -187,6 +190,7 @@ class dmCampaignProcessor : public Object {
   };
   MessageTexts texts_;
   std::shared_ptr<dmclientsmrktcmp> enrolment_;  // Reloaded for every enrolment row.
+  Variant email_value_;                          // The address column of the row.
   std::vector<ItemTexts> item_texts_;
   std::vector<std::unique_ptr<dmCampaignMsg>> prototypes_;  // Per item: the common texts.
 };

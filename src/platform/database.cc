@@ -186,13 +186,22 @@ long Recordset::ColumnIndex(std::string_view name) const {
 }
 
 Variant Recordset::CurrentValue(long column) const {
+  Variant value;
+  CurrentValueInto(column, &value);
+  return value;
+}
+
+void Recordset::CurrentValueInto(long column, Variant* value) const {
   if (Eof()) {
     Raise(err::kDbNoCurrentRecord,
           "Either BOF or EOF is True, or the current record has been deleted. Requested "
           "operation requires a current record.");
   }
-  if (cursor_type_ == kAdOpenForwardOnly) return row_[static_cast<size_t>(column)];
-  return rows_->Value(position_, static_cast<size_t>(column));
+  if (cursor_type_ == kAdOpenForwardOnly) {
+    *value = row_[static_cast<size_t>(column)];
+  } else {
+    rows_->ValueInto(position_, static_cast<size_t>(column), value);
+  }
 }
 
 std::shared_ptr<Field> Recordset::Fields(std::string_view name) const {
@@ -204,6 +213,11 @@ std::shared_ptr<Field> Recordset::Fields(std::string_view name) const {
 Variant Recordset::FieldValue(std::string_view name) const {
   RequireOpen();
   return CurrentValue(ColumnIndex(name));
+}
+
+void Recordset::FieldValue(std::string_view name, Variant* value) const {
+  RequireOpen();
+  CurrentValueInto(ColumnIndex(name), value);
 }
 
 long Recordset::FieldCount() const {

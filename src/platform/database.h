@@ -142,6 +142,9 @@ class Recordset : public Object {
   std::shared_ptr<Field> Fields(std::string_view name) const;
   // Shorthand for Fields(name)->Value().
   Variant FieldValue(std::string_view name) const;
+  // The same value into `*value`, whose text memory is reused: for loops
+  // that read many rows.
+  void FieldValue(std::string_view name, Variant* value) const;
   // The number of columns; 3704 when closed.
   long FieldCount() const;
   // The name of column `index` (0-based); 3265 when out of range.
@@ -157,6 +160,7 @@ class Recordset : public Object {
   void RequireOpen() const;
   long ColumnIndex(std::string_view name) const;
   Variant CurrentValue(long column) const;
+  void CurrentValueInto(long column, Variant* value) const;
 
   bool open_ = false;
   long cursor_type_ = kAdOpenForwardOnly;

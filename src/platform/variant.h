@@ -91,6 +91,16 @@ class Variant {
   // True for Integer, Long, Single, Double, Currency and Boolean values.
   bool IsNumberKind() const;
 
+  // Makes this a String holding `text`, reusing the memory of a string
+  // already held.
+  void AssignText(std::string_view text) {
+    if (auto* s = std::get_if<std::string>(&v_)) {
+      s->assign(text);
+    } else {
+      v_.emplace<std::string>(text);
+    }
+  }
+
   // The held string, object or date; REQUIRES: the matching kind.
   const std::string& StringRef() const { return std::get<std::string>(v_); }
   const ObjectPtr& ObjectRef() const { return std::get<ObjectPtr>(v_); }

@@ -136,7 +136,11 @@ void Record::StoreConverted(size_t index, const Variant& value, bool from_xml) {
   GeneralUtilities& u = Utilities();
   switch (table_->columns()[index].type) {
     case ColumnType::kText:
-      values_[index] = u.NCString(value);
+      if (auto* text = std::get_if<std::string>(&values_[index]); text && value.IsString()) {
+        text->assign(value.StringRef());
+      } else {
+        values_[index] = u.NCString(value);
+      }
       break;
     case ColumnType::kInteger:
       values_[index] = u.NCInteger(value).ToInteger();
@@ -160,8 +164,14 @@ void Record::LoadDataFromDS(const std::shared_ptr<Recordset>& ds) {
   if (!ds) Raise(err::kObjectNotSet);
   if (ds->Eof()) return;
   const std::vector<Column>& columns = table_->columns();
+  // Each column read into a Variant kept for that column, and texts copied
+  // into the record's own strings: rows load without allocating once the
+  // strings have grown to their lengths.
+  thread_local std::vector<Variant> read;
+  if (read.size() < columns.size()) read.resize(columns.size());
   for (size_t i = 0; i < columns.size(); ++i) {
-    StoreConverted(i, ds->Fields(columns[i].sql_name)->Value(), false);
+    ds->FieldValue(columns[i].sql_name, &read[i]);
+    StoreConverted(i, read[i], false);
   }
 }
 

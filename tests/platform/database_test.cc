@@ -333,6 +333,10 @@ TEST_P(DatabaseEngineTest, KeysetRowsOfEveryTypeReadBackAcrossManyRows) {
   forward.Open("SELECT * FROM mix ORDER BY n", conn_, kAdOpenForwardOnly);
   EXPECT_EQ(keyset.RecordCount(), 6000);
   long rows = 0;
+  // Read as copies, and into one Variant that goes through every kind and
+  // every text length in turn.
+  Variant into_keyset;
+  Variant into_forward;
   for (; !keyset.Eof(); keyset.MoveNext(), forward.MoveNext(), ++rows) {
     ASSERT_FALSE(forward.Eof());
     for (const char* column : {"n", "s", "r", "d", "t", "w"}) {
@@ -340,6 +344,11 @@ TEST_P(DatabaseEngineTest, KeysetRowsOfEveryTypeReadBackAcrossManyRows) {
       const Variant b = forward.FieldValue(column);
       ASSERT_EQ(a.Type(), b.Type()) << column << " row " << rows;
       ASSERT_EQ(a, b) << column << " row " << rows;
+      keyset.FieldValue(column, &into_keyset);
+      forward.FieldValue(column, &into_forward);
+      ASSERT_EQ(into_keyset.Type(), a.Type()) << column << " row " << rows;
+      ASSERT_EQ(into_keyset, a) << column << " row " << rows;
+      ASSERT_EQ(into_forward, b) << column << " row " << rows;
     }
   }
   EXPECT_EQ(rows, 6000);

@@ -85,6 +85,22 @@ TEST(Variant, StringsHoldArbitraryBytes) {
   EXPECT_EQ(v.StringRef().size(), 5u);
 }
 
+TEST(Variant, AssignTextMakesAStringWhateverWasHeld) {
+  Variant v(std::int32_t{7});
+  v.AssignText("a longer text than fits in place");
+  EXPECT_EQ(v.Type(), VarType::kString);
+  EXPECT_EQ(v.StringRef(), "a longer text than fits in place");
+  v.AssignText("short");
+  EXPECT_EQ(v, Variant("short"));
+  v.AssignText(std::string_view("x\0y", 3));
+  EXPECT_EQ(v.StringRef(), std::string("x\0y", 3));
+  v.AssignText("");
+  EXPECT_EQ(v, Variant(""));
+  Variant object(std::make_shared<Collection<std::string>>());
+  object.AssignText("text");
+  EXPECT_EQ(object, Variant("text"));
+}
+
 TEST(Variant, EmptyConvertsToZeroAndEmptyText) {
   Variant v;
   EXPECT_EQ(v.ToInteger(), 0);

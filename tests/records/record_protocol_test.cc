@@ -350,6 +350,41 @@ TEST_P(RecordProtocol, SavedNullsLoadAsEmptyValues) {
   ExpectSameColumns(*record, *loaded);
 }
 
+TEST_P(RecordProtocol, LoadingRowAfterRowIntoOneRecordKeepsNothingOfTheRowBefore) {
+  // Long texts, then a row of Nulls, then short texts: each load must give
+  // exactly its own row, on keyset and forward-only recordsets alike.
+  auto long_texts = NewRecord();
+  Fill(*long_texts, 40);
+  const auto& columns = long_texts->Info().columns();
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (i == long_texts->Info().key() || columns[i].type != ColumnType::kText) continue;
+    long_texts->Invoke(columns[i].property, CallKind::kPut,
+                       {Variant(std::string(40, static_cast<char>('a' + i % 26)))});
+  }
+  ASSERT_TRUE(long_texts->SaveData());
+  auto nulls = NewRecord();
+  ASSERT_TRUE(nulls->SaveData());
+  auto short_texts = NewRecord();
+  Fill(*short_texts, 1);
+  ASSERT_TRUE(short_texts->SaveData());
+  const std::vector<std::shared_ptr<Record>> saved = {long_texts, nulls, short_texts};
+  const std::string key = long_texts->Info().columns()[long_texts->Info().key()].sql_name;
+  for (long cursor : {kAdOpenKeyset, kAdOpenForwardOnly}) {
+    for (const auto& order : {std::vector<size_t>{0, 1, 2}, std::vector<size_t>{2, 1, 0}}) {
+      auto loaded = NewRecord();
+      for (size_t index : order) {
+        const Variant id = saved[index]->Invoke(KeyProperty(*saved[index]), CallKind::kGet);
+        auto rs = std::make_shared<Recordset>();
+        rs->Open("SELECT * FROM " + std::get<0>(GetParam()) + " WHERE " + key + " = '" +
+                     id.ToString() + "'",
+                 connection_, cursor);
+        loaded->LoadDataFromDS(rs);
+        ExpectSameColumns(*saved[index], *loaded);
+      }
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(AllTableClasses, RecordProtocol,
                          ::testing::Combine(::testing::ValuesIn(kTableClasses),
                                             ::testing::ValuesIn(records_test::Engines())),

@@ -143,32 +143,48 @@ void RowStore::Append(const std::vector<Variant>& row) {
 }
 
 Variant RowStore::Value(size_t row, size_t column) const {
+  Variant value;
+  ValueInto(row, column, &value);
+  return value;
+}
+
+void RowStore::ValueInto(size_t row, size_t column, Variant* value) const {
   const char* start = rows_[row];
   const char* at = start + Get<std::uint32_t>(start + column * sizeof(std::uint32_t));
   const auto type = static_cast<VarType>(static_cast<unsigned char>(*at++));
   switch (type) {
     case VarType::kNull:
-      return Variant(kNull);
+      *value = Variant(kNull);
+      break;
     case VarType::kInteger:
-      return Variant(Get<std::int16_t>(at));
+      *value = Variant(Get<std::int16_t>(at));
+      break;
     case VarType::kLong:
-      return Variant(Get<std::int32_t>(at));
+      *value = Variant(Get<std::int32_t>(at));
+      break;
     case VarType::kSingle:
-      return Variant(Get<float>(at));
+      *value = Variant(Get<float>(at));
+      break;
     case VarType::kDouble:
-      return Variant(Get<double>(at));
+      *value = Variant(Get<double>(at));
+      break;
     case VarType::kDate:
-      return Variant(Date(Get<double>(at)));
+      *value = Variant(Date(Get<double>(at)));
+      break;
     case VarType::kCurrency:
-      return Variant(Currency{Get<std::int64_t>(at)});
+      *value = Variant(Currency{Get<std::int64_t>(at)});
+      break;
     case VarType::kBoolean:
-      return Variant(*at != 0);
+      *value = Variant(*at != 0);
+      break;
     case VarType::kString: {
       const auto size = Get<std::uint32_t>(at);
-      return Variant(std::string(at + sizeof size, size));
+      value->AssignText(std::string_view(at + sizeof size, size));
+      break;
     }
     default:
-      return Variant();
+      *value = Variant();
+      break;
   }
 }
 

@@ -42,6 +42,8 @@ class RowStore {
   size_t size() const { return rows_.size(); }
   // The value of column `column` in row `row` (both in range).
   Variant Value(size_t row, size_t column) const;
+  // The same value into `*value`, whose text memory is reused.
+  void ValueInto(size_t row, size_t column, Variant* value) const;
   // Releases the blocks that hold only rows before `row`; those rows must
   // not be read again (a recordset that only moves forward calls it as it
   // moves).
