@@ -11,13 +11,20 @@
 // peak memory against its budget (twice the bytes of the listed messages'
 // texts plus 64 MB).
 //
-//   processor_bench [enrolments]          (default 1000000)
+// Each kind runs `rounds` times, the processor and its anchor one after the
+// other in every round; the times printed are the medians, the ratio is the
+// median of the rounds' ratios and the peak memory the largest seen. On a
+// shared machine a single pair of runs can be off by a third either way.
+//
+//   processor_bench [enrolments] [postgres enrolments] [rounds]
+//                   (defaults 1000000, 100000, 3)
 #include <libpq-fe.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -383,7 +390,31 @@ Result InChild(const std::function<Result()>& body) {
   return r;
 }
 
-void Report(const char* engine, int kind, Result p, const Result& a) {
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// Runs the processor and the anchor `rounds` times and reports the medians.
+void Measure(const char* engine, int kind, int rounds, const std::function<Result()>& processor,
+             const std::function<Result()>& anchor) {
+  std::vector<double> p_seconds, a_seconds, ratios;
+  Result p, a;
+  long p_peak = 0, a_peak = 0;
+  for (int round = 0; round < rounds; ++round) {
+    p = InChild(processor);
+    a = InChild(anchor);
+    p_seconds.push_back(p.seconds);
+    a_seconds.push_back(a.seconds);
+    ratios.push_back(a.seconds / p.seconds);
+    p_peak = std::max(p_peak, p.peak_kb);
+    a_peak = std::max(a_peak, a.peak_kb);
+  }
+  p.seconds = Median(p_seconds);
+  a.seconds = Median(a_seconds);
+  p.peak_kb = p_peak;
+  a.peak_kb = a_peak;
   // Kind 0 raises no StatusChange; its enrolment rows are the anchor's (same query).
   if (p.enrolments == 0) p.enrolments = a.enrolments;
   double budget_mb = 2.0 * static_cast<double>(p.text_bytes) / 1e6 + 64.0;
@@ -392,7 +423,7 @@ void Report(const char* engine, int kind, Result p, const Result& a) {
       "msg/s | anchor %6.2f s %9.0f enrol/s | ratio %.2f | peak %6.0f MB (budget %6.0f MB, "
       "anchor %4.0f MB)\n",
       engine, kind, p.enrolments, p.messages, p.seconds, p.enrolments / p.seconds,
-      p.messages / p.seconds, a.seconds, a.enrolments / a.seconds, a.seconds / p.seconds,
+      p.messages / p.seconds, a.seconds, a.enrolments / a.seconds, Median(ratios),
       p.peak_kb / 1024.0, budget_mb, a.peak_kb / 1024.0);
   if (a.messages != p.messages) {
     std::printf("  (anchor produced %ld messages, processor %ld)\n", a.messages, p.messages);
@@ -404,6 +435,7 @@ void Report(const char* engine, int kind, Result p, const Result& a) {
 
 int main(int argc, char** argv) {
   long n = argc > 1 ? std::atol(argv[1]) : 1000000;
+  const int rounds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 3;
   std::string tmp = std::filesystem::temp_directory_path().string();
   std::string pid = std::to_string(::getpid());
   std::string db_path = tmp + "/quillo-processor-bench-" + pid + ".db";
@@ -416,9 +448,9 @@ int main(int argc, char** argv) {
               std::chrono::duration<double>(Clock::now() - t0).count());
   for (int kind : {1, 2, 0}) {
     SetKind("sqlite:" + db_path, kind);
-    Result p = InChild([&] { return RunProcessor("sqlite:" + db_path, queue_path); });
-    Result a = InChild([&] { return AnchorSqlite(db_path, kind, anchor_queue); });
-    Report("SQLite", kind, p, a);
+    Measure(
+        "SQLite", kind, rounds, [&] { return RunProcessor("sqlite:" + db_path, queue_path); },
+        [&] { return AnchorSqlite(db_path, kind, anchor_queue); });
   }
   for (const char* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(db_path + suffix);
 
@@ -431,9 +463,9 @@ int main(int argc, char** argv) {
                 std::chrono::duration<double>(Clock::now() - t0).count());
     for (int kind : {1, 2, 0}) {
       SetKind(pg, kind);
-      Result p = InChild([&] { return RunProcessor(pg, queue_path); });
-      Result a = InChild([&] { return AnchorPostgres(pg, kind, anchor_queue); });
-      Report("PostgreSQL", kind, p, a);
+      Measure(
+          "PostgreSQL", kind, rounds, [&] { return RunProcessor(pg, queue_path); },
+          [&] { return AnchorPostgres(pg, kind, anchor_queue); });
     }
   } else {
     std::printf("PostgreSQL: skipped (QUILLO_TEST_PG is not set)\n");
