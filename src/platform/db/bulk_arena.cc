@@ -5,10 +5,30 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 namespace quillo::db {
 
-void* AllocateBulkBlock() {
+namespace {
+
+// Blocks freed lately, kept for the next allocations: a run that releases
+// the rows it has read while it builds messages reuses those pages instead
+// of having the system zero and map new ones. At most kCachedBlocks (8 MB)
+// stay with the process after everything is freed.
+constexpr size_t kCachedBlocks = 4;
+
+struct BlockCache {
+  std::mutex mutex;
+  void* blocks[kCachedBlocks] = {};
+  size_t count = 0;
+};
+
+BlockCache& Cache() {
+  static BlockCache* cache = new BlockCache();  // Never destroyed: frees may come late.
+  return *cache;
+}
+
+void* MapBlock() {
   // Twice the size, then the unaligned ends are given back.
   const size_t span = 2 * kBulkBlockBytes;
   void* raw = ::mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -30,7 +50,28 @@ void* AllocateBulkBlock() {
   return block;
 }
 
-void FreeBulkBlock(void* block) { ::munmap(block, kBulkBlockBytes); }
+}  // namespace
+
+void* AllocateBulkBlock() {
+  {
+    BlockCache& cache = Cache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.count > 0) return cache.blocks[--cache.count];
+  }
+  return MapBlock();
+}
+
+void FreeBulkBlock(void* block) {
+  {
+    BlockCache& cache = Cache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.count < kCachedBlocks) {
+      cache.blocks[cache.count++] = block;
+      return;
+    }
+  }
+  ::munmap(block, kBulkBlockBytes);
+}
 
 namespace {
 

@@ -28,7 +28,9 @@ inline constexpr size_t kBulkBlockBytes = size_t{2} << 20;
 // A new block of kBulkBlockBytes, aligned on its size; raises
 // std::bad_alloc when the system has none.
 void* AllocateBulkBlock();
-// Returns a block from AllocateBulkBlock.
+// Returns a block from AllocateBulkBlock. The last few blocks freed are kept
+// for the next AllocateBulkBlock (their contents are then undefined); the
+// rest go back to the system.
 void FreeBulkBlock(void* block);
 
 // Small objects from shared bulk blocks.
