@@ -325,7 +325,8 @@ class dmCampaignProcessor::SentItemQueries {
   dmCampaignProcessor& p_;
 };
 
-void dmCampaignProcessor::ProcessSequentialOffset() {
+template <class PerRow>
+void dmCampaignProcessor::ForEachCountedEnrolment(PerRow per_row) {
   auto rs = OpenEnrolments();
   std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
   std::int32_t cnt = 0;
@@ -333,56 +334,48 @@ void dmCampaignProcessor::ProcessSequentialOffset() {
   SentItemQueries queries(*this);
   std::string email;
   while (!rs->Eof()) {
+    // Every row is counted and reported, placeholder addresses included.
     ++cnt;
     NextEnrolmentRow();
     const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
     RaiseStatusChange(email, cnt, total);
-    if (!IsPlaceholderAddress(email)) {
-      const bool plain_row = PlainRow(enrolment);
-      std::int16_t days = 0;
-      bool have_days = false;
-      for (std::int32_t i = 1; i <= items.Count(); ++i) {
-        const dmmrktcmpitems& item = *items.Item(i);
-        if (AlreadySent(item, enrolment.Account(), plain_row)) continue;
-        // Both sides of the date test are 16-bit numbers, as the schedule was
-        // designed; the day count is the same for every item of the row.
-        if (!have_days) {
-          days = RoundToInteger(
-              static_cast<double>(DateDiff("d", enrolment.EffectiveDate(), current_date_)));
-          have_days = true;
-        }
-        std::int16_t interval = RoundToInteger(item.Interval());
-        if (days >= interval) HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
-      }
-    }
+    if (!IsPlaceholderAddress(email)) per_row(enrolment, email, items, PlainRow(enrolment));
     rs->MoveNext();
   }
 }
 
+void dmCampaignProcessor::ProcessSequentialOffset() {
+  ForEachCountedEnrolment([this](const dmclientsmrktcmp& enrolment, const std::string& email,
+                                 ItemList& items, bool plain_row) {
+    std::int16_t days = 0;
+    bool have_days = false;
+    for (std::int32_t i = 1; i <= items.Count(); ++i) {
+      const dmmrktcmpitems& item = *items.Item(i);
+      if (AlreadySent(item, enrolment.Account(), plain_row)) continue;
+      // Both sides of the date test are 16-bit numbers, as the schedule was
+      // designed; the day count is the same for every item of the row.
+      if (!have_days) {
+        days = RoundToInteger(
+            static_cast<double>(DateDiff("d", enrolment.EffectiveDate(), current_date_)));
+        have_days = true;
+      }
+      std::int16_t interval = RoundToInteger(item.Interval());
+      if (days >= interval) HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
+    }
+  });
+}
+
 void dmCampaignProcessor::ProcessIncremental() {
-  auto rs = OpenEnrolments();
-  std::int32_t total = static_cast<std::int32_t>(rs->RecordCount());
-  std::int32_t cnt = 0;
-  ItemList& items = *CampaignItems();
-  SentItemQueries queries(*this);
-  std::string email;
-  while (!rs->Eof()) {
-    ++cnt;
-    NextEnrolmentRow();
-    const dmclientsmrktcmp& enrolment = LoadEnrolment(rs, &email);
-    RaiseStatusChange(email, cnt, total);
-    if (!IsPlaceholderAddress(email)) {
-      const bool plain_row = PlainRow(enrolment);
-      for (std::int32_t i = 1; i <= items.Count(); ++i) {
-        const dmmrktcmpitems& item = *items.Item(i);
-        if (!AlreadySent(item, enrolment.Account(), plain_row)) {
-          HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
-          break;
-        }
+  ForEachCountedEnrolment([this](const dmclientsmrktcmp& enrolment, const std::string& email,
+                                 ItemList& items, bool plain_row) {
+    for (std::int32_t i = 1; i <= items.Count(); ++i) {
+      const dmmrktcmpitems& item = *items.Item(i);
+      if (!AlreadySent(item, enrolment.Account(), plain_row)) {
+        HandOver(enrolment, email, item, static_cast<size_t>(i - 1));
+        break;
       }
     }
-    rs->MoveNext();
-  }
+  });
 }
 
 void dmCampaignProcessor::ProcessStandardList() {

@@ -130,6 +130,11 @@ class dmCampaignProcessor : public Object {
  private:
   void ProcessSequentialOffset();
   void ProcessIncremental();
+  // The enrolment walk of the two procedures that check sent items: every
+  // row is counted and raises StatusChange; `per_row(enrolment, email,
+  // items, plain_row)` runs for each row whose address is not a placeholder.
+  template <class PerRow>
+  void ForEachCountedEnrolment(PerRow per_row);
   void ProcessStandardList();
   // Opens the enrolment query of the campaign for CurrentDate.
   std::shared_ptr<Recordset> OpenEnrolments();
