@@ -12,10 +12,6 @@ SharedText::Rep* SharedText::Make(std::string text, bool bulk) {
   return new (memory) Rep{{1}, bulk, std::move(text)};
 }
 
-SharedText::Rep* SharedText::MakeCopy(std::string_view text) {
-  return new Rep{{1}, false, std::string(text)};
-}
-
 void SharedText::Destroy(Rep* rep) noexcept {
   const bool bulk = rep->bulk;
   rep->~Rep();
@@ -45,7 +41,7 @@ void dmCampaignMsg::SetCommon(CommonField field, SharedText value) {
     // Shared with other messages: this one gets its own block first.
     auto* own = new Common();
     for (int i = 0; i < kCommonFields; ++i) own->text[i] = common_->text[i];
-    if (common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;
+    ReleaseCommon();
     common_ = own;
   }
   common_->text[field] = std::move(value);

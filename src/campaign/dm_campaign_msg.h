@@ -46,10 +46,10 @@ class SharedText {
     if (!text.empty()) t.rep_ = Make(std::move(text), true);
     return t;
   }
-  // A new text holding a copy of `text`, made in place.
+  // A new text holding a copy of `text`.
   static SharedText Copy(std::string_view text) {
     SharedText t;
-    if (!text.empty()) t.rep_ = MakeCopy(text);
+    if (!text.empty()) t.rep_ = Make(std::string(text), false);
     return t;
   }
   SharedText(const SharedText& other) : rep_(other.rep_) { Retain(); }
@@ -79,7 +79,6 @@ class SharedText {
     std::string text;
   };
   static Rep* Make(std::string text, bool bulk);
-  static Rep* MakeCopy(std::string_view text);
   static void Destroy(Rep* rep) noexcept;
   void Retain() const {
     if (rep_) rep_->refs.fetch_add(1, std::memory_order_relaxed);
@@ -162,6 +161,9 @@ class dmCampaignMsg : public Object {
   }
   // The shared texts behind the properties.
   const SharedText& SharedCommon(CommonField field) const;
+  // Sets common text `field`, as its property setter does: a message that
+  // shares its block with others gets a block of its own first.
+  void SetCommon(CommonField field, SharedText value);
   const SharedText& SharedEmail() const { return email_; }
   const SharedText& SharedAccount() const { return account_; }
 
@@ -174,7 +176,6 @@ class dmCampaignMsg : public Object {
   const std::string& CommonText(CommonField field) const {
     return common_ ? common_->text[field].str() : SharedText::Empty();
   }
-  void SetCommon(CommonField field, SharedText value);
   // Drops this message's hold on its common block.
   void ReleaseCommon() {
     if (common_ && common_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete common_;

@@ -243,43 +243,18 @@ void dmCampaignProcessor::HandOver(const dmclientsmrktcmp& enrolment, const std:
   // A prototype per item holds the texts common to its messages; it is
   // brought up to date (a copy of its own when messages share the old texts)
   // whenever a source has changed.
-  if (prototypes_.size() <= index) prototypes_.resize(index + 1);
-  if (!prototypes_[index]) prototypes_[index] = std::make_unique<dmCampaignMsg>();
-  dmCampaignMsg& proto = *prototypes_[index];
+  if (item_texts_.size() <= index) item_texts_.resize(index + 1);
+  ItemTexts& it = item_texts_[index];
+  if (!it.prototype) it.prototype = std::make_unique<dmCampaignMsg>();
+  dmCampaignMsg& proto = *it.prototype;
   if (texts_.campaign_type.str().empty() ||
       texts_.campaign_type_value != campaign_->CampaignType()) {
     texts_.campaign_type_value = campaign_->CampaignType();
     texts_.campaign_type = SharedText(std::to_string(texts_.campaign_type_value));
   }
   auto common = [&proto](dmCampaignMsg::CommonField field, const SharedText& text) {
-    if (&proto.SharedCommon(field).str() != &text.str()) {
-      switch (field) {
-        case dmCampaignMsg::kCampaignType:
-          proto.CampaignType(text);
-          break;
-        case dmCampaignMsg::kHistoryRecID:
-          proto.HistoryRecID(text);
-          break;
-        case dmCampaignMsg::kCampaignRecID:
-          proto.CampaignRecID(text);
-          break;
-        case dmCampaignMsg::kCampaignItemRecID:
-          proto.CampaignItemRecID(text);
-          break;
-        case dmCampaignMsg::kMessageFileName:
-          proto.MessageFileName(text);
-          break;
-        case dmCampaignMsg::kSendDate:
-          proto.SendDate(text);
-          break;
-        default:
-          proto.CampaignName(text);
-          break;
-      }
-    }
+    if (&proto.SharedCommon(field).str() != &text.str()) proto.SetCommon(field, text);
   };
-  if (item_texts_.size() <= index) item_texts_.resize(index + 1);
-  ItemTexts& it = item_texts_[index];
   common(dmCampaignMsg::kCampaignName, Current(texts_.campaign_name, campaign_->CampaignName()));
   common(dmCampaignMsg::kCampaignType, texts_.campaign_type);
   common(dmCampaignMsg::kCampaignRecID, Current(it.campaign_rec_id, item.CampaignRecID()));

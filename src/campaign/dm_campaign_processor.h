@@ -190,14 +190,16 @@ class dmCampaignProcessor : public Object {
     SharedText email, account;
     std::int32_t campaign_type_value = 0;
   };
+  // Per item: the prototype message holding the texts common to the item's
+  // messages, and the item's own texts.
   struct ItemTexts {
+    std::unique_ptr<dmCampaignMsg> prototype;
     SharedText campaign_rec_id, rec_id, message_file_name;
   };
   MessageTexts texts_;
   std::shared_ptr<dmclientsmrktcmp> enrolment_;  // Reloaded for every enrolment row.
   Variant email_value_;                          // The address column of the row.
   std::vector<ItemTexts> item_texts_;
-  std::vector<std::unique_ptr<dmCampaignMsg>> prototypes_;  // Per item: the common texts.
 };
 
 }  // namespace quillo

@@ -244,15 +244,11 @@ const dmCampaignMsg& dmmsgqueue::CommonPrototype(const std::string_view (&fields
   last_prototype_ = next_prototype_++ % kRecent;
   Prototype& p = prototypes_[last_prototype_];
   p.msg = std::make_unique<dmCampaignMsg>();
-  p.msg->CampaignType(RecentText(7, fields[7]));
-  p.msg->HistoryRecID(RecentText(6, fields[6]));
-  p.msg->CampaignRecID(RecentText(5, fields[5]));
-  p.msg->CampaignItemRecID(RecentText(3, fields[3]));
-  p.msg->MessageFileName(RecentText(1, fields[1]));
-  p.msg->SendDate(RecentText(8, fields[8]));
-  p.msg->CampaignName(RecentText(4, fields[4]));
   for (int k = 0; k < dmCampaignMsg::kCommonFields; ++k) {
-    p.text[kCommonAt[k]] = p.msg->SharedCommon(static_cast<dmCampaignMsg::CommonField>(k)).str();
+    const int at = kCommonAt[k];
+    const SharedText& text = RecentText(at, fields[at]);
+    p.msg->SetCommon(static_cast<dmCampaignMsg::CommonField>(k), text);
+    p.text[at] = text.str();
   }
   return *p.msg;
 }

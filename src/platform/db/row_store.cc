@@ -24,12 +24,8 @@ T Get(const char* at) {
 
 }  // namespace
 
-RowStore::~RowStore() { FreeBlocks(); }
-
-void RowStore::FreeBlocks() {
+RowStore::~RowStore() {
   for (size_t i = released_; i < blocks_.size(); ++i) FreeBlock(blocks_[i]);
-  blocks_.clear();
-  released_ = 0;
 }
 
 void RowStore::FreeBlock(Block& block) {
@@ -142,12 +138,6 @@ void RowStore::Append(const std::vector<Variant>& row) {
   EndRow();
 }
 
-Variant RowStore::Value(size_t row, size_t column) const {
-  Variant value;
-  ValueInto(row, column, &value);
-  return value;
-}
-
 void RowStore::ValueInto(size_t row, size_t column, Variant* value) const {
   const char* start = rows_[row];
   const char* at = start + Get<std::uint32_t>(start + column * sizeof(std::uint32_t));
@@ -186,14 +176,6 @@ void RowStore::ValueInto(size_t row, size_t column, Variant* value) const {
       *value = Variant();
       break;
   }
-}
-
-void RowStore::Clear() {
-  rows_.clear();
-  rows_.shrink_to_fit();
-  FreeBlocks();
-  blocks_.shrink_to_fit();
-  block_size_ = block_used_ = 0;
 }
 
 }  // namespace quillo::db

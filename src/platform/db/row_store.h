@@ -40,16 +40,13 @@ class RowStore {
   void EndRow();
   // The number of rows.
   size_t size() const { return rows_.size(); }
-  // The value of column `column` in row `row` (both in range).
-  Variant Value(size_t row, size_t column) const;
-  // The same value into `*value`, whose text memory is reused.
+  // The value of column `column` in row `row` (both in range) into
+  // `*value`, whose text memory is reused.
   void ValueInto(size_t row, size_t column, Variant* value) const;
   // Releases the blocks that hold only rows before `row`; those rows must
   // not be read again (a recordset that only moves forward calls it as it
   // moves).
   void ReleaseBefore(size_t row);
-  // Forgets every row and releases the memory.
-  void Clear();
 
  private:
   // Space for `bytes` more bytes in the current block.
@@ -63,7 +60,6 @@ class RowStore {
     bool bulk;
     size_t first_row;  // The first row that starts in the block.
   };
-  void FreeBlocks();
   static void FreeBlock(Block& block);
   std::vector<Block> blocks_;
   size_t released_ = 0;    // Blocks at the front of blocks_ already given back.
