@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "smtp/base64.h"
-#include "smtp/md5.h"
+#include "codec/base64.h"
+#include "codec/md5.h"
 
 namespace {
 

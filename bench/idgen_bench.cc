@@ -9,7 +9,7 @@
 #include "platform/format.h"
 #include "platform/object.h"
 #include "records/idgen.h"
-#include "smtp/md5.h"
+#include "codec/md5.h"
 
 namespace {
 

@@ -36,7 +36,7 @@
 #include "platform/tcp_socket.h"
 #include "smtp/ard_esmtp.h"
 #include "smtp/ard_esmtp_attachment.h"
-#include "smtp/base64.h"
+#include "codec/base64.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "platform/database.h"
 #include "platform/schema.h"
-#include "smtp/md5.h"
+#include "codec/md5.h"
 
 namespace quillo::cli {
 

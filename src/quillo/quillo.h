@@ -52,7 +52,7 @@
 #include "records/sql_statement.h"
 #include "smtp/ard_esmtp.h"
 #include "smtp/ard_esmtp_attachment.h"
-#include "smtp/base64.h"
-#include "smtp/md5.h"
+#include "codec/base64.h"
+#include "codec/md5.h"
 
 #endif  // QUILLO_QUILLO_H_

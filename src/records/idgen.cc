@@ -5,7 +5,7 @@
 
 #include "platform/clock.h"
 #include "platform/format.h"
-#include "smtp/md5.h"
+#include "codec/md5.h"
 
 namespace quillo {
 

@@ -12,8 +12,8 @@
 #include "platform/file.h"
 #include "platform/socket.h"
 #include "platform/text.h"
-#include "smtp/base64.h"
-#include "smtp/md5.h"
+#include "codec/base64.h"
+#include "codec/md5.h"
 
 namespace quillo {
 namespace {

@@ -13,7 +13,7 @@
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/text.h"
-#include "smtp/base64.h"
+#include "codec/base64.h"
 
 namespace quillo {
 namespace {

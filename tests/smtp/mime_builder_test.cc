@@ -11,7 +11,7 @@
 #include "platform/error.h"
 #include "platform/file.h"
 #include "smtp/ard_esmtp.h"
-#include "smtp/base64.h"
+#include "codec/base64.h"
 #include "support/error_matchers.h"
 #include "support/temp_folder.h"
 

@@ -1,6 +1,6 @@
 // Tests of the Base64 codec: the documented edge cases, the RFC 4648 vectors,
 // agreement with OpenSSL's encoder, round trips, and bad input to the decoder.
-#include "smtp/base64.h"
+#include "codec/base64.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>

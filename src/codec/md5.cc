@@ -4,7 +4,7 @@
 // The state words are unsigned 32-bit integers, so additions wrap modulo 2^32
 // and shifts are logical without any masking; the words read as signed 32-bit
 // values only where they are shown as text (RegisterA..RegisterD).
-#include "smtp/md5.h"
+#include "codec/md5.h"
 
 #include <fcntl.h>
 #include <unistd.h>

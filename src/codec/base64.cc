@@ -7,7 +7,7 @@
 // character's bits in their final output position, so a group of four clean
 // characters costs four lookups, three ORs and one store; a group holding
 // padding, line breaks or junk falls back to the character-by-character rules.
-#include "smtp/base64.h"
+#include "codec/base64.h"
 
 #include <array>
 #include <bit>

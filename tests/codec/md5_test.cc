@@ -1,7 +1,7 @@
 // Tests of the MD5 digest: the RFC 1321 suite, agreement with OpenSSL for
 // every length up to 1,000 and for large random inputs, the step-by-step
 // interface, the file digest with its 64-byte block rule, and file errors.
-#include "smtp/md5.h"
+#include "codec/md5.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>

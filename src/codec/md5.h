@@ -11,8 +11,8 @@
 //
 // Thread-safety: the free functions are safe to call from any thread; a qoMD5
 // object is not, like every other library object.
-#ifndef QUILLO_SMTP_MD5_H_
-#define QUILLO_SMTP_MD5_H_
+#ifndef QUILLO_CODEC_MD5_H_
+#define QUILLO_CODEC_MD5_H_
 
 #include <array>
 #include <cstdint>
@@ -93,4 +93,4 @@ class qoMD5 {
 
 }  // namespace quillo
 
-#endif  // QUILLO_SMTP_MD5_H_
+#endif  // QUILLO_CODEC_MD5_H_

@@ -13,8 +13,8 @@
 //
 // Thread-safety: the free functions are safe to call from any thread; a
 // qoBase64 object is not, like every other library object.
-#ifndef QUILLO_SMTP_BASE64_H_
-#define QUILLO_SMTP_BASE64_H_
+#ifndef QUILLO_CODEC_BASE64_H_
+#define QUILLO_CODEC_BASE64_H_
 
 #include <string>
 #include <string_view>
@@ -65,4 +65,4 @@ class qoBase64 {
 
 }  // namespace quillo
 
-#endif  // QUILLO_SMTP_BASE64_H_
+#endif  // QUILLO_CODEC_BASE64_H_
