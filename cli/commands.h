@@ -62,10 +62,25 @@ struct SendOptions {
   std::string smtp;       // smtp://[user@]host[:port] or smtps://...
   std::string account;    // The dmsmtpaccounts e-mail to send from.
   std::string templates;  // Folder that relative template names are read from.
-  std::string ca_file;    // Extra CA certificate for smtps.
-  std::int32_t timeout = 60;
+  std::string ca_file;    // Extra CA certificate trusted for TLS.
+  std::int32_t timeout = 0;  // Seconds per reply; 0: the standard SMTP timeouts (60 with --compat).
+  std::string tls = "opportunistic";  // required, opportunistic or none (smtps:// is implicit TLS).
+  std::string helo;                   // EHLO name; default the host's name or address literal.
+  std::string from;                   // Sender address for --smtp servers.
+  std::string from_name;              // Its display name.
+  bool allow_plaintext_auth = false;  // Allow AUTH without TLS.
+  bool compat = false;  // Send through the library's documented classes (trusted content only).
   bool quiet = false;
   bool timings = false;  // Print where the time of the sending loop went.
+};
+
+// Exit status of a send that ran to the end but left messages undelivered.
+inline constexpr int kExitNotAllDelivered = 3;
+
+// Thrown (after the summary is printed) when some messages were not accepted.
+class NotAllDelivered : public CommandError {
+ public:
+  using CommandError::CommandError;
 };
 
 void CmdInit(const GlobalOptions& g);
@@ -89,7 +104,7 @@ void CmdQueueShow(const std::string& file);
 void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key);
 void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std::string& file);
 void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client,
-                const std::string& subject);
+                const std::string& subject, bool compat);
 
 // What one campaign run produced.
 struct RunSummary {

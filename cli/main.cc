@@ -19,6 +19,9 @@ int Guard(const std::function<void()>& body) {
   try {
     body();
     return 0;
+  } catch (const NotAllDelivered& e) {
+    std::fprintf(stderr, "quillo: %s\n", e.what());
+    return kExitNotAllDelivered;
   } catch (const CommandError& e) {
     std::fprintf(stderr, "quillo: error: %s\n", e.what());
   } catch (const quillo::RuntimeError& e) {
@@ -156,8 +159,21 @@ int main(int argc, char** argv) {
   send->add_option("--account", so.account, "Send from this SMTP account (its e-mail)");
   send->add_option("--templates", so.templates, "Folder for relative template names");
   send->add_option("--ca-file", so.ca_file, "Trust this CA certificate for smtps");
-  send->add_option("--timeout", so.timeout, "Seconds to wait for each reply")
-      ->capture_default_str();
+  send->add_option("--timeout", so.timeout,
+                   "Seconds to wait for each reply (default: the standard SMTP timeouts)");
+  send->add_option("--tls", so.tls,
+                   "STARTTLS: required, opportunistic (when offered) or none; smtps:// URLs use "
+                   "implicit TLS")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"required", "opportunistic", "none"}));
+  send->add_flag("--allow-plaintext-auth", so.allow_plaintext_auth,
+                 "Allow AUTH on a connection without TLS (the password crosses the network in clear)");
+  send->add_option("--helo", so.helo, "Name given in EHLO (default: this host's name)");
+  send->add_option("--from", so.from, "Sender address (with --smtp, or instead of the account's)");
+  send->add_option("--from-name", so.from_name, "Sender display name");
+  send->add_flag("--compat", so.compat,
+                 "Send through the library's documented classes (dmMessage, ardESMTP), unchanged: "
+                 "no dot-stuffing, no header encoding; for trusted content only");
   send->add_flag("-q,--quiet", so.quiet, "No progress bar");
   send->add_flag("--timings", so.timings, "Print the time spent in each stage of sending");
   send->callback([&] { action = [&] { CmdSend(g, so); }; });
@@ -199,12 +215,17 @@ int main(int argc, char** argv) {
   preview->add_option("--template", templ, "Template file")->required();
   preview->add_option("--client", preview_client, "Client account or e-mail")->required();
   preview->add_option("--subject", subject, "Subject");
-  preview->callback([&] { action = [&] { CmdPreview(g, templ, preview_client, subject); }; });
+  bool preview_compat = false;
+  preview->add_flag("--compat", preview_compat,
+                    "Show what the library's documented classes build instead");
+  preview->callback(
+      [&] { action = [&] { CmdPreview(g, templ, preview_client, subject, preview_compat); }; });
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // --help and --version end here with 0; a usage error is 2, as for most commands.
+    return app.exit(e) == 0 ? 0 : 2;
   }
   auto logger = spdlog::stderr_color_mt("quillo");
   spdlog::set_default_logger(logger);

@@ -1,6 +1,12 @@
 // quillo send / preview: composing queued messages from their templates,
-// personalising them for their clients, and delivering them through the
-// library's SMTP client.
+// personalising them for their clients, and delivering them.
+//
+// By default messages go through our own delivery path (delivery::Mailer):
+// standard messages, STARTTLS, dot-stuffing, one reused connection, and a
+// structured outcome per message. --compat sends through the library's
+// documented classes (dmMessage and ardESMTP) exactly as they behave, which
+// is meant for trusted content only: they neither dot-stuff nor encode
+// header fields.
 #include <spdlog/spdlog.h>
 #include <termios.h>
 #include <unistd.h>
@@ -12,6 +18,8 @@
 #include <regex>
 
 #include "commands.h"
+#include "delivery/mailer.h"
+#include "mail/template_draft.h"
 #include "platform/event_loop.h"
 #include "platform/socket.h"
 #include "platform/tcp_socket.h"
@@ -77,12 +85,12 @@ SmtpSettings ParseSmtpUrl(const std::string& url) {
   return s;
 }
 
-// The settings of a dmsmtpaccounts row: the one with `email`, else the
-// default one, else the only one.
-SmtpSettings AccountSettings(const Store& store, const std::string& email) {
+// The dmsmtpaccounts rows with `email` (every row when it is empty), each
+// with whether it is the default.
+std::vector<std::pair<SmtpSettings, bool>> ReadAccounts(const Store& store,
+                                                        const std::string& email) {
   std::string where = email.empty() ? "" : " WHERE Email = '" + SqlQuote(email) + "'";
-  std::vector<SmtpSettings> found;
-  std::vector<bool> defaults;
+  std::vector<std::pair<SmtpSettings, bool>> found;
   store.Query("SELECT * FROM dmsmtpaccounts" + where + ";", [&](const Row& r) {
     SmtpSettings s;
     s.server = r.Text("MailServer");
@@ -93,14 +101,27 @@ SmtpSettings AccountSettings(const Store& store, const std::string& email) {
     s.password = r.Text("AccountPassword");
     s.sender = r.Text("Email");
     s.friendly = r.Text("EmailFriendly");
-    found.push_back(s);
-    defaults.push_back(r.Value("Default").ToLong() != 0);
+    found.emplace_back(s, r.Value("Default").ToLong() != 0);
   });
+  return found;
+}
+
+// The account whose address is `email`, or nullopt.
+std::optional<SmtpSettings> FindAccount(const Store& store, const std::string& email) {
+  auto found = ReadAccounts(store, email);
+  if (found.empty()) return std::nullopt;
+  return found.front().first;
+}
+
+// The settings of a dmsmtpaccounts row: the one with `email`, else the
+// default one, else the only one.
+SmtpSettings AccountSettings(const Store& store, const std::string& email) {
+  auto found = ReadAccounts(store, email);
   if (!email.empty() && found.empty()) throw CommandError("no SMTP account '" + email + "'");
-  for (size_t i = 0; i < found.size(); ++i) {
-    if (defaults[i]) return found[i];
+  for (const auto& [settings, is_default] : found) {
+    if (is_default) return settings;
   }
-  if (found.size() == 1) return found[0];
+  if (found.size() == 1) return found[0].first;
   if (found.empty()) {
     throw CommandError("no SMTP account: add one with `quillo account add` or pass --smtp");
   }
@@ -243,6 +264,201 @@ class StageClock {
 };
 
 }  // namespace
+// What a send did, message by message.
+struct Tally {
+  int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;
+  bool AllDelivered() const { return deferred == 0 && refused == 0 && failed == 0; }
+};
+
+// Records an accepted message in the sent-item log, which is what keeps the
+// campaign engine and a second send from repeating it.
+void LogSent(const Store& store, const QueuedMessage& m) {
+  Dispatch log = store.NewRecord("dmsentitems");
+  log.Put("Account", m.account);
+  log.Put("CampaignItemRecID", m.item_id);
+  log.Put("CampaignRecID", m.campaign_id);
+  log.Put("HistoryRecID", m.history_id);
+  log.Put("SentDate", Now());
+  Store::Save(log, "the sent-item log");
+}
+
+[[noreturn]] void Unreachable(const SmtpSettings& s, const std::string& why) {
+  throw CommandError("cannot reach SMTP server " + s.server + ":" + std::to_string(s.port) + ": " +
+                     why);
+}
+
+// The library's documented classes: a fresh dmMessage and ardESMTP per
+// message, the outcome read from the client's transcript.
+Tally SendCompat(const Store& store, SmtpSettings settings, const std::vector<QueuedMessage>& messages,
+                 const SendOptions& o, Progress& progress, StageClock& clock) {
+  if (settings.timeout <= 0) settings.timeout = 60;
+  Tally t;
+  long done = 0;
+  for (const QueuedMessage& m : messages) {
+    progress.Update(++done, static_cast<long>(messages.size()), m.email);
+    clock.Enter(Stage::kLookup);
+    if (AlreadySent(store, m)) {
+      ++t.skipped;
+      continue;
+    }
+    Dispatch client;
+    try {
+      client = store.LoadRecord("dmclients", m.account);
+    } catch (const CommandError& e) {
+      ++t.failed;
+      std::fprintf(stderr, "quillo: %s: %s\n", m.email.c_str(), e.what());
+      continue;
+    }
+    std::string subject = SubjectFor(store, m);
+    clock.Enter(Stage::kDeliver);
+    Dispatch smtp = NewClient(settings);
+    Dispatch message = Dispatch::Create("dmMessage");
+    message.Put("Connection", store.connection_object());
+    message.Put("esmtp", smtp.object());
+    message.Put("Client", client.object());
+    message.Put("Subject", subject);
+    message.Put("MessageFileName", ResolveTemplate(m.message_file, o.templates));
+    if (message.Get("Error").ToBool()) {
+      ++t.failed;
+      std::fprintf(stderr, "quillo: %s: cannot read template '%s'\n", m.email.c_str(),
+                   m.message_file.c_str());
+      continue;
+    }
+    try {
+      message.Call("Send");
+    } catch (const RuntimeError& e) {
+      ++t.failed;
+      std::fprintf(stderr, "quillo: %s: error %ld: %s\n", m.email.c_str(), e.number,
+                   e.description.c_str());
+      continue;
+    }
+    if (smtp.Get("rc").ToLong() == 999) {
+      progress.Finish();
+      Unreachable(settings, smtp.Text("WinsockErrorDescription"));
+    }
+    std::string detail;
+    Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &detail);
+    spdlog::debug("{}: {}", m.email, detail);
+    if (outcome == Outcome::kAccepted) {
+      clock.Enter(Stage::kLog);
+      LogSent(store, m);
+      ++t.sent;
+    } else if (outcome == Outcome::kRefused) {
+      ++t.refused;
+      std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), detail.c_str());
+    } else {
+      ++t.failed;
+      std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), detail.c_str());
+    }
+  }
+  return t;
+}
+
+smtp::TlsMode TlsModeFor(const SmtpSettings& s, const std::string& option) {
+  if (s.tls) return smtp::TlsMode::kImplicit;
+  if (option == "required") return smtp::TlsMode::kRequired;
+  if (option == "opportunistic") return smtp::TlsMode::kOpportunistic;
+  if (option == "none") return smtp::TlsMode::kNone;
+  throw CommandError("bad --tls '" + option + "': expected required, opportunistic or none");
+}
+
+delivery::Account ModernAccount(const SmtpSettings& s, const SendOptions& o) {
+  delivery::Account a;
+  a.session.host = s.server;
+  a.session.port = s.port;
+  a.session.tls = TlsModeFor(s, o.tls);
+  a.session.ca_file = o.ca_file;
+  a.session.helo_name = o.helo;
+  if (s.auth) {
+    a.session.user = s.user;
+    a.session.password = s.password;
+  }
+  a.session.allow_plaintext_auth = o.allow_plaintext_auth;
+  if (o.timeout > 0) smtp::OverrideTimeouts(a.session.timeouts, std::chrono::seconds(o.timeout));
+  a.from.address = s.sender;
+  a.from.name = s.friendly;
+  return a;
+}
+
+// Our own delivery path: one Mailer, its connections reused between messages.
+Tally SendModern(const Store& store, const SmtpSettings& settings,
+                 const std::vector<QueuedMessage>& messages, const SendOptions& o,
+                 Progress& progress, StageClock& clock) {
+  auto lookup = [&store, &o](const std::string& email) -> std::optional<delivery::Account> {
+    std::optional<SmtpSettings> found = FindAccount(store, email);
+    if (!found) return std::nullopt;
+    return ModernAccount(*found, o);
+  };
+  delivery::Mailer mailer(ModernAccount(settings, o), lookup);
+  Tally t;
+  long done = 0;
+  for (const QueuedMessage& m : messages) {
+    progress.Update(++done, static_cast<long>(messages.size()), m.email);
+    clock.Enter(Stage::kLookup);
+    if (AlreadySent(store, m)) {
+      ++t.skipped;
+      continue;
+    }
+    std::shared_ptr<dmclients> client;
+    try {
+      client = std::dynamic_pointer_cast<dmclients>(store.LoadRecord("dmclients", m.account).object());
+    } catch (const CommandError& e) {
+      ++t.failed;
+      std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), e.what());
+      continue;
+    }
+    std::string subject = SubjectFor(store, m);
+    clock.Enter(Stage::kDeliver);
+    delivery::Delivery d = mailer.Send(ResolveTemplate(m.message_file, o.templates), *client, subject);
+    if (d.transport_failed && t.sent == 0 && t.deferred == 0 && t.refused == 0) {
+      // Nothing got through yet: the server itself is the problem, not this
+      // message, so stop rather than fail every message the same way.
+      progress.Finish();
+      Unreachable(settings, d.outcome.reason);
+    }
+    spdlog::debug("{}: {} {}", m.email, smtp::OutcomeName(d.outcome.kind), d.outcome.reason);
+    switch (d.outcome.kind) {
+      case smtp::OutcomeKind::kAccepted:
+        clock.Enter(Stage::kLog);
+        LogSent(store, m);
+        ++t.sent;
+        break;
+      case smtp::OutcomeKind::kDeferred:
+        ++t.deferred;
+        std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(), d.outcome.reason.c_str());
+        break;
+      case smtp::OutcomeKind::kRefused:
+        ++t.refused;
+        std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), d.outcome.reason.c_str());
+        break;
+      case smtp::OutcomeKind::kFailed:
+        ++t.failed;
+        std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), d.outcome.reason.c_str());
+        break;
+    }
+  }
+  mailer.Close();
+  return t;
+}
+
+// The mailbox a preview or a send without an account comes from.
+SmtpSettings SenderOrDefault(const Store& store, const SendOptions& o) {
+  SmtpSettings account;
+  try {
+    account = AccountSettings(store, o.account);
+  } catch (const CommandError&) {
+  }
+  if (!o.from.empty()) {
+    account.sender = o.from;
+    account.friendly = o.from_name;
+  } else if (!o.from_name.empty()) {
+    account.friendly = o.from_name;
+  }
+  if (account.sender.empty()) account.sender = "quillo@localhost";
+  return account;
+}
+
+}  // namespace
 
 void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   Store store(g.db);
@@ -258,106 +474,43 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   }
   if (!FileExists(queue_file)) throw CommandError("no queue file '" + queue_file + "'");
 
-  SmtpSettings settings = o.smtp.empty() ? AccountSettings(store, o.account) : ParseSmtpUrl(o.smtp);
-  if (!o.smtp.empty()) {
-    SmtpSettings account;
-    try {
-      account = AccountSettings(store, o.account);
-    } catch (const CommandError&) {
-    }
-    settings.sender = account.sender.empty() ? "quillo@localhost" : account.sender;
-    settings.friendly = account.friendly;
+  SmtpSettings settings;
+  if (o.smtp.empty()) {
+    settings = AccountSettings(store, o.account);
+    if (!o.from.empty()) settings.sender = o.from;
+    if (!o.from_name.empty()) settings.friendly = o.from_name;
+  } else {
+    settings = ParseSmtpUrl(o.smtp);
+    SmtpSettings sender = SenderOrDefault(store, o);
+    settings.sender = sender.sender;
+    settings.friendly = sender.friendly;
   }
   settings.ca_file = o.ca_file;
   settings.timeout = o.timeout;
 
   std::vector<QueuedMessage> messages = ReadQueue(queue_file);
   Progress progress(!o.quiet && isatty(STDOUT_FILENO));
-  int sent = 0, refused = 0, failed = 0, skipped = 0;
-  long done = 0;
   StageClock clock;
-  for (const QueuedMessage& m : messages) {
-    progress.Update(++done, static_cast<long>(messages.size()), m.email);
-    clock.Enter(Stage::kLookup);
-    if (AlreadySent(store, m)) {
-      ++skipped;
-      continue;
-    }
-    Dispatch client;
-    try {
-      client = store.LoadRecord("dmclients", m.account);
-    } catch (const CommandError& e) {
-      ++failed;
-      std::fprintf(stderr, "quillo: %s: %s\n", m.email.c_str(), e.what());
-      continue;
-    }
-    std::string subject = SubjectFor(store, m);
-    clock.Enter(Stage::kDeliver);
-    Dispatch smtp = NewClient(settings);
-    Dispatch message = Dispatch::Create("dmMessage");
-    message.Put("Connection", store.connection_object());
-    message.Put("esmtp", smtp.object());
-    message.Put("Client", client.object());
-    message.Put("Subject", subject);
-    message.Put("MessageFileName", ResolveTemplate(m.message_file, o.templates));
-    if (message.Get("Error").ToBool()) {
-      ++failed;
-      std::fprintf(stderr, "quillo: %s: cannot read template '%s'\n", m.email.c_str(),
-                   m.message_file.c_str());
-      continue;
-    }
-    try {
-      message.Call("Send");
-    } catch (const RuntimeError& e) {
-      ++failed;
-      std::fprintf(stderr, "quillo: %s: error %ld: %s\n", m.email.c_str(), e.number,
-                   e.description.c_str());
-      continue;
-    }
-    if (smtp.Get("rc").ToLong() == 999) {
-      progress.Finish();
-      throw CommandError("cannot reach SMTP server " + settings.server + ":" +
-                         std::to_string(settings.port) + ": " +
-                         smtp.Text("WinsockErrorDescription"));
-    }
-    std::string detail;
-    Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &detail);
-    spdlog::debug("{}: {}", m.email, detail);
-    if (outcome == Outcome::kAccepted) {
-      clock.Enter(Stage::kLog);
-      Dispatch log = store.NewRecord("dmsentitems");
-      log.Put("Account", m.account);
-      log.Put("CampaignItemRecID", m.item_id);
-      log.Put("CampaignRecID", m.campaign_id);
-      log.Put("HistoryRecID", m.history_id);
-      log.Put("SentDate", Now());
-      Store::Save(log, "the sent-item log");
-      ++sent;
-    } else if (outcome == Outcome::kRefused) {
-      ++refused;
-      std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), detail.c_str());
-    } else {
-      ++failed;
-      std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), detail.c_str());
-    }
-  }
+  Tally t = o.compat ? SendCompat(store, settings, messages, o, progress, clock)
+                     : SendModern(store, settings, messages, o, progress, clock);
   clock.Stop();
   progress.Finish();
-  std::printf("sent %d, refused %d, failed %d, already sent %d (of %zu queued)\n", sent, refused,
-              failed, skipped, messages.size());
+  std::printf("sent %d, refused %d, failed %d, deferred %d, already sent %d (of %zu queued)\n",
+              t.sent, t.refused, t.failed, t.deferred, t.skipped, messages.size());
   if (o.timings) clock.Print();
+  if (!t.AllDelivered()) {
+    throw NotAllDelivered(std::to_string(t.refused + t.failed + t.deferred) + " of " +
+                          std::to_string(messages.size()) + " messages were not delivered");
+  }
 }
 
-void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client_key,
-                const std::string& subject) {
-  Store store(g.db);
-  Dispatch client = store.LoadRecord("dmclients", store.FindClient(client_key));
-  SmtpSettings account;
-  try {
-    account = AccountSettings(store, "");
-  } catch (const CommandError&) {
-    account.sender = "quillo@localhost";
-  }
+namespace {
+
+// The raw message the library's documented classes build, stopped at the
+// connection.
+std::string CompatPreview(const Store& store, const std::string& templ, const Dispatch& client,
+                          const std::string& subject) {
+  SmtpSettings account = SenderOrDefault(store, SendOptions{});
   auto socket = std::make_shared<OfflineSocket>();
   Dispatch smtp = Dispatch::Create("ardESMTP");
   smtp.Put("WS", ObjectPtr(socket));
@@ -374,7 +527,29 @@ void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::str
   message.Put("MessageFileName", templ);
   if (message.Get("Error").ToBool()) throw CommandError("cannot read template '" + templ + "'");
   message.Call("Send");
-  std::string raw = smtp.Text("MessageBuffer");
+  return smtp.Text("MessageBuffer");
+}
+
+}  // namespace
+
+void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client_key,
+                const std::string& subject, bool compat) {
+  Store store(g.db);
+  Dispatch client = store.LoadRecord("dmclients", store.FindClient(client_key));
+  std::string raw;
+  if (compat) {
+    raw = CompatPreview(store, templ, client, subject);
+  } else {
+    SmtpSettings account = SenderOrDefault(store, SendOptions{});
+    mail::Mailbox from{account.friendly, account.sender};
+    try {
+      raw = delivery::Mailer::Compose(templ, *std::dynamic_pointer_cast<dmclients>(client.object()),
+                                      subject, from)
+                .data;
+    } catch (const std::exception& e) {
+      throw CommandError(e.what());
+    }
+  }
   std::fwrite(raw.data(), 1, raw.size(), stdout);
 }
 

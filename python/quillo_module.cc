@@ -302,12 +302,17 @@ void DefineRegional(py::module_& m) {
 }  // namespace
 }  // namespace quillo::python
 
+namespace quillo::python {
+void AddMailBindings(py::module_& m);  // mail_module.cc
+}  // namespace quillo::python
+
 PYBIND11_MODULE(quillo, m) {
   using namespace quillo;
   using namespace quillo::python;
 
   m.doc() = "quillo: timed, sequential e-mail campaigns, driven by name.";
   py::exec(kPythonDefinitions, m.attr("__dict__"));
+  AddMailBindings(m);
 
   py::class_<Object, ObjectPtr>(m, "Object",
                                 "A quillo object; its members are reached by name as "

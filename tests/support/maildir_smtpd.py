@@ -4,13 +4,15 @@
 Used by the demo and the end-to-end tests:
 
     maildir_smtpd.py --maildir DIR [--port 0] [--port-file FILE] [--refuse ADDRESS ...]
-                     [--auth USER:PASSWORD] [--tls CERT:KEY] [--seconds N]
+                     [--auth USER:PASSWORD] [--tls CERT:KEY] [--starttls CERT:KEY]
+                     [--seconds N]
 
 It listens on 127.0.0.1 only, writes the port it got to --port-file once it is
 ready, refuses RCPT TO for the --refuse addresses with 550, and stops by
 itself after --seconds (default 120) or on SIGTERM. With --tls it speaks
 implicit TLS (the handshake comes first, as on port 465) with the given PEM
-certificate chain and key.
+certificate chain and key. With --starttls it offers STARTTLS on a plain
+connection instead, with that certificate and key.
 """
 import argparse
 import mailbox
@@ -44,6 +46,7 @@ def main():
     p.add_argument("--refuse", action="append", default=[])
     p.add_argument("--auth")
     p.add_argument("--tls")
+    p.add_argument("--starttls")
     p.add_argument("--seconds", type=float, default=120.0)
     args = p.parse_args()
 
@@ -71,6 +74,12 @@ def main():
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(cert, key)
         kwargs["ssl_context"] = context
+    if args.starttls:
+        import ssl
+        cert, key = args.starttls.split(":", 1)
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(cert, key)
+        kwargs["tls_context"] = context
     controller = Controller(handler, hostname="127.0.0.1", port=port, **kwargs)
     controller.start()
     if args.port_file:

@@ -1,0 +1,116 @@
+// The Python face of our own delivery path: quillo.Mailer and
+// quillo.compose_message.
+//
+//   mailer = quillo.Mailer(host="mail.example.test", port=587, tls="required",
+//                          user="news", password=secret,
+//                          from_address="news@example.test", from_name="Example News")
+//   outcome = mailer.send("/srv/templates/welcome.txt", client, "Hello <!--FIRST-->")
+//   if outcome["outcome"] != "accepted": print(outcome["reason"])
+//   mailer.close()
+//
+// An outcome is a dict of plain values: "outcome" (accepted, deferred,
+// refused or failed), "code" (the SMTP reply code, 0 when no server replied),
+// "enhanced" (the enhanced status code, "" when none), "reply", "reason"
+// (never empty), "message_id" and "recipient".
+#include <pybind11/pybind11.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "delivery/mailer.h"
+#include "python_values.h"
+#include "records/dmclients.h"
+
+namespace quillo::python {
+
+namespace py = pybind11;
+
+namespace {
+
+smtp::TlsMode ParseTlsMode(const std::string& text) {
+  if (text == "required") return smtp::TlsMode::kRequired;
+  if (text == "opportunistic") return smtp::TlsMode::kOpportunistic;
+  if (text == "none") return smtp::TlsMode::kNone;
+  if (text == "implicit") return smtp::TlsMode::kImplicit;
+  throw py::value_error("tls must be required, opportunistic, none or implicit, not '" + text +
+                        "'");
+}
+
+const dmclients& ClientOf(const ObjectPtr& object) {
+  auto* client = dynamic_cast<const dmclients*>(object.get());
+  if (client == nullptr) throw py::type_error("client must be a dmclients object");
+  return *client;
+}
+
+py::dict OutcomeDict(const delivery::Delivery& d) {
+  py::dict out;
+  out["outcome"] = smtp::OutcomeName(d.outcome.kind);
+  out["code"] = d.outcome.code;
+  out["enhanced"] = d.outcome.enhanced;
+  out["reply"] = d.outcome.reply;
+  out["reason"] = d.outcome.reason;
+  out["message_id"] = d.message_id;
+  out["recipient"] = d.recipient;
+  return out;
+}
+
+}  // namespace
+
+void AddMailBindings(py::module_& m) {
+  py::class_<delivery::Mailer>(m, "Mailer",
+                               "Our own delivery path: standard messages over a reused SMTP "
+                               "session, with a structured outcome per message.")
+      .def(py::init([](const std::string& host, int port, const std::string& tls,
+                       const std::string& user, const std::string& password,
+                       const std::string& from_address, const std::string& from_name,
+                       const std::string& ca_file, const std::string& helo,
+                       bool allow_plaintext_auth, std::optional<int> timeout) {
+             delivery::Account account;
+             account.session.host = host;
+             account.session.port = port;
+             account.session.tls = ParseTlsMode(tls);
+             account.session.user = user;
+             account.session.password = password;
+             account.session.ca_file = ca_file;
+             account.session.helo_name = helo;
+             account.session.allow_plaintext_auth = allow_plaintext_auth;
+             if (timeout) {
+               smtp::OverrideTimeouts(account.session.timeouts, std::chrono::seconds(*timeout));
+             }
+             account.from = {from_name, from_address};
+             return std::make_unique<delivery::Mailer>(std::move(account));
+           }),
+           py::kw_only(), py::arg("host"), py::arg("port") = 25, py::arg("tls") = "opportunistic",
+           py::arg("user") = "", py::arg("password") = "", py::arg("from_address"),
+           py::arg("from_name") = "", py::arg("ca_file") = "", py::arg("helo") = "",
+           py::arg("allow_plaintext_auth") = false, py::arg("timeout") = py::none())
+      .def(
+          "send",
+          [](delivery::Mailer& mailer, const std::string& template_path, const ObjectPtr& client,
+             const std::string& subject) {
+            return OutcomeDict(mailer.Send(template_path, ClientOf(client), subject));
+          },
+          py::arg("template"), py::arg("client"), py::arg("subject") = "",
+          "Composes the template for the client and delivers it; returns the outcome dict.")
+      .def("close", &delivery::Mailer::Close, "Ends every open session (QUIT).");
+
+  m.def(
+      "compose_message",
+      [](const std::string& template_path, const ObjectPtr& client, const std::string& subject,
+         const std::string& from_address, const std::string& from_name) {
+        try {
+          mail::ComposedMessage composed = delivery::Mailer::Compose(
+              template_path, ClientOf(client), subject, {from_name, from_address});
+          return py::bytes(composed.data);
+        } catch (const std::exception& e) {
+          throw py::value_error(e.what());
+        }
+      },
+      py::arg("template"), py::arg("client"), py::arg("subject") = "", py::kw_only(),
+      py::arg("from_address"), py::arg("from_name") = "",
+      "The message the delivery path would send for the client, as bytes (not dot-stuffed).");
+}
+
+}  // namespace quillo::python

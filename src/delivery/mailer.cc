@@ -1,0 +1,114 @@
+#include "delivery/mailer.h"
+
+#include <utility>
+
+#include "mail/template_draft.h"
+#include "records/dmclients.h"
+
+namespace quillo::delivery {
+
+namespace {
+
+// An outcome for a message that was never handed to a server.
+smtp::Outcome NotSent(std::string reason) {
+  smtp::Outcome outcome;
+  outcome.kind = smtp::OutcomeKind::kRefused;
+  outcome.code = 0;
+  outcome.reason = "not sent: " + std::move(reason);
+  return outcome;
+}
+
+}  // namespace
+
+Mailer::Mailer(Account default_account, AccountLookup lookup)
+    : default_account_(std::move(default_account)), lookup_(std::move(lookup)) {}
+
+Mailer::~Mailer() { Close(); }
+
+void Mailer::Close() {
+  for (auto& [name, channel] : channels_) {
+    if (channel.session) channel.session->Close();
+    channel.open = false;
+  }
+}
+
+Mailer::Channel& Mailer::ChannelFor(const std::string& mail_account) {
+  std::string key;
+  Account account = default_account_;
+  if (!mail_account.empty() && lookup_) {
+    if (auto found = lookup_(mail_account)) {
+      key = mail_account;
+      account = std::move(*found);
+    }
+  }
+  auto it = channels_.find(key);
+  if (it == channels_.end()) {
+    Channel channel;
+    channel.account = std::move(account);
+    channel.session = std::make_unique<smtp::Session>(channel.account.session);
+    it = channels_.emplace(key, std::move(channel)).first;
+  }
+  return it->second;
+}
+
+Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
+                      const std::string& subject) {
+  Delivery delivery;
+  delivery.recipient = client.Email();
+  mail::TemplateDraft parsed;
+  try {
+    parsed = mail::DraftFromTemplate(template_path, client, subject, default_account_.from);
+  } catch (const std::exception& e) {
+    delivery.outcome = NotSent(e.what());
+    return delivery;
+  }
+  Channel& channel = ChannelFor(parsed.mail_account);
+  if (!parsed.mail_account.empty() &&
+      channel.account.from.address != default_account_.from.address) {
+    // The template chose another account: compose again with its mailbox, so
+    // that its FRIENDLY and SENDER lines still apply on top of it.
+    try {
+      parsed = mail::DraftFromTemplate(template_path, client, subject, channel.account.from);
+    } catch (const std::exception& e) {
+      delivery.outcome = NotSent(e.what());
+      return delivery;
+    }
+  }
+  if (!channel.open) {
+    smtp::Outcome opened = channel.session->Open();
+    if (opened.kind != smtp::OutcomeKind::kAccepted) {
+      delivery.outcome = std::move(opened);
+      delivery.transport_failed = true;
+      return delivery;
+    }
+    channel.open = true;
+  }
+  const smtp::Capabilities& caps = channel.session->capabilities();
+  mail::WireFeatures features;
+  features.eight_bit_mime = caps.eight_bit_mime;
+  features.smtputf8 = caps.smtputf8;
+  mail::ComposedMessage composed;
+  try {
+    composed = mail::Compose(parsed.draft, features);
+  } catch (const std::exception& e) {
+    delivery.outcome = NotSent(e.what());
+    return delivery;
+  }
+  delivery.message_id = composed.message_id;
+  smtp::Envelope envelope;
+  envelope.from = parsed.draft.from.address;
+  envelope.to.push_back(parsed.draft.to.address);
+  envelope.body_8bitmime = composed.needs_8bitmime;
+  envelope.smtputf8 = composed.needs_smtputf8;
+  delivery.outcome = channel.session->Send(envelope, composed.data);
+  return delivery;
+}
+
+mail::ComposedMessage Mailer::Compose(const std::string& template_path, const dmclients& client,
+                                      const std::string& subject, const mail::Mailbox& from,
+                                      const mail::WireFeatures& features) {
+  mail::TemplateDraft parsed = mail::DraftFromTemplate(template_path, client, subject, from);
+  return mail::Compose(parsed.draft, features);
+}
+
+}  // namespace quillo::delivery

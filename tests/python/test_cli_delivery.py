@@ -1,0 +1,238 @@
+"""The command's own delivery path end to end: `quillo send` and `quillo preview`
+compose standard messages and deliver them to a real SMTP server (aiosmtpd) on
+loopback; hostile content in templates and client fields reaches the server
+as exactly one intended message, or is refused up front with a reason; and
+--compat still selects the library's documented classes."""
+import email
+import email.policy
+import os
+import subprocess
+
+import pytest
+
+from test_cli import QUILLO, Cli, MaildirServer
+
+
+@pytest.fixture
+def cli(tmp_path):
+    if not os.path.exists(QUILLO):
+        pytest.fail("the quillo command is not built: " + QUILLO)
+    c = Cli(tmp_path)
+    c.run("init")
+    return c
+
+
+@pytest.fixture
+def smtp_server(tmp_path):
+    servers = []
+
+    def start(*options):
+        servers.append(MaildirServer(tmp_path, *options))
+        return servers[-1]
+
+    yield start
+    for server in servers:
+        server.stop()
+
+
+def campaign(cli, body, *, header=("Replace: FIRST",), description="Hello <!--FIRST-->",
+             clients=(("ada@example.test", "Ada", "Lovelace"),), line_end="\r\n"):
+    """One sequential campaign with one item due on enrolment, for `clients`."""
+    path = cli.folder / "item.txt"
+    lines = ["[HEADER]", *header, "[/HEADER]", *body] if header is not None else list(body)
+    path.write_bytes((line_end.join(lines) + line_end).encode())
+    cli.run("campaign", "add", "--name", "Drip", "--type", "1")
+    cli.run("campaign", "item", "--campaign", "Drip", "--file", str(path), "--interval", "0",
+            "--description", description)
+    for address, first, last in clients:
+        cli.run("client", "add", "--email", address, "--first", first, "--last", last)
+        cli.run("enrol", "add", "--campaign", "Drip", "--client", address, "--date", "2026-03-01")
+    queue = cli.folder / "q.txt"
+    cli.run("run", "--campaign", "Drip", "--date", "2026-03-01", "--queue", str(queue), "-q")
+    return queue
+
+
+def send(cli, queue, server, *extra, check=False, env=None):
+    return cli.run("send", "--queue", str(queue), "--smtp", "smtp://127.0.0.1:%d" % server.port,
+                   "--from", "news@quillo.example", "--from-name", "Quillo News", "-q", *extra,
+                   check=check, env=env)
+
+
+def only_message(server, address):
+    got = server.messages()
+    assert list(got) == [address], got
+    (message,) = got[address]
+    return message
+
+
+def test_send_composes_a_standard_message_by_default(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Dear <!--FIRST-->,", "welcome."])
+    done = send(cli, queue, server)
+    assert done.returncode == 0, done.stderr
+    assert "sent 1, refused 0, failed 0" in done.stdout
+    message = only_message(server, "ada@example.test")
+    assert message["Message-ID"].startswith("<") and message["Message-ID"].endswith(
+        "@quillo.example>")
+    assert message["Date"].datetime is not None
+    assert message["MIME-Version"] == "1.0"
+    assert message["X-Mailer"].startswith("quillo ")
+    assert message["Subject"] == "Hello Ada"
+    assert message["From"].addresses[0].display_name == "Quillo News"
+    assert message["To"].addresses[0].display_name == "Ada Lovelace"
+    assert message.get_content_charset() == "utf-8"
+    assert message.get_content() == "Dear Ada,\nwelcome.\n"
+    assert message.defects == []
+
+
+def test_a_lone_dot_line_arrives_as_text_and_ends_nothing(cli, smtp_server):
+    server = smtp_server()
+    body = ["first line", ".", "MAIL FROM:<evil@example.test>", "RCPT TO:<victim@example.test>",
+            ".hidden dot", "last line"]
+    queue = campaign(cli, body, header=None)
+    done = send(cli, queue, server)
+    assert done.returncode == 0, done.stderr
+    message = only_message(server, "ada@example.test")
+    assert message.get_content() == "\n".join(body) + "\n"
+
+
+def test_a_line_break_in_a_client_name_refuses_that_message_only(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Hi <!--FIRST-->"], clients=[
+        ("ada@example.test", "Ada", "Lovelace"),
+        ("eve@example.test", "Eve\r\nBcc: victim@example.test", "X"),
+    ])
+    done = send(cli, queue, server)
+    assert done.returncode == 3
+    assert "sent 1, refused 1" in done.stdout
+    assert "eve@example.test refused: not sent:" in done.stderr
+    assert list(server.messages()) == ["ada@example.test"]
+    again = send(cli, queue, server)
+    assert "already sent 1" in again.stdout and "refused 1" in again.stdout
+
+
+def test_a_line_break_in_the_description_never_becomes_a_header(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Hi"], description="Hi\r\nBcc: victim@example.test")
+    done = send(cli, queue, server)
+    assert done.returncode == 3
+    assert "refused: not sent:" in done.stderr
+    assert server.messages() == {}
+
+
+def test_templates_with_lf_line_endings_work_like_crlf_ones(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Dear <!--FIRST-->,", "bye."], line_end="\n")
+    done = send(cli, queue, server)
+    assert done.returncode == 0, done.stderr
+    message = only_message(server, "ada@example.test")
+    assert message.get_content() == "Dear Ada,\nbye.\n"
+    assert "Replace" not in message.get_content()
+
+
+def test_non_ascii_names_and_subjects_are_encoded_words(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Grüße, <!--FIRST--> 🎉"], description="Für <!--FIRST--> ✉",
+                     clients=[("zoe@example.test", "Zoë", "Ñúñez")])
+    done = send(cli, queue, server)
+    assert done.returncode == 0, done.stderr
+    message = only_message(server, "zoe@example.test")
+    assert message["Subject"] == "Für Zoë ✉"
+    assert message["To"].addresses[0].display_name == "Zoë Ñúñez"
+    assert message.get_content() == "Grüße, Zoë 🎉\n"
+    raw_headers = message.as_bytes().split(b"\n\n", 1)[0]
+    assert b"=?utf-8?" in raw_headers.lower()
+
+
+def test_a_refused_recipient_makes_send_exit_non_zero(cli, smtp_server):
+    server = smtp_server("--refuse", "ada@example.test")
+    queue = campaign(cli, ["Hi"])
+    done = send(cli, queue, server)
+    assert done.returncode == 3
+    assert "ada@example.test refused: " in done.stderr
+    assert "550" in done.stderr
+
+
+def test_auth_is_never_sent_in_clear_without_allow_plaintext_auth(cli, smtp_server):
+    server = smtp_server("--auth", "mailer:s3cret")
+    queue = campaign(cli, ["Hi"])
+    env = dict(os.environ, QUILLO_SMTP_PASSWORD="s3cret")
+    done = cli.run("--verbose", "send", "--queue", str(queue), "--smtp",
+                   "smtp://mailer@127.0.0.1:%d" % server.port, "-q", check=False, env=env)
+    assert done.returncode != 0
+    assert "s3cret" not in done.stdout + done.stderr
+    assert server.messages() == {}
+
+
+def make_certificate(folder, name="127.0.0.1"):
+    cert, key = folder / "cert.pem", folder / "key.pem"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+                    "-subj", "/CN=" + name, "-addext", "subjectAltName=IP:127.0.0.1",
+                    "-keyout", str(key), "-out", str(cert)], check=True, capture_output=True,
+                   timeout=60)
+    return cert, key
+
+
+def test_starttls_required_sends_auth_inside_tls(cli, smtp_server, tmp_path):
+    cert, key = make_certificate(tmp_path)
+    server = smtp_server("--starttls", "%s:%s" % (cert, key), "--auth", "mailer:s3cret")
+    queue = campaign(cli, ["Hi"])
+    env = dict(os.environ, QUILLO_SMTP_PASSWORD="s3cret")
+    done = cli.run("send", "--queue", str(queue), "--smtp",
+                   "smtp://mailer@127.0.0.1:%d" % server.port, "--tls", "required", "--ca-file",
+                   str(cert), "--from", "news@quillo.example", "-q", check=False, env=env)
+    assert done.returncode == 0, done.stderr
+    assert list(server.messages()) == ["ada@example.test"]
+
+
+def test_starttls_required_refuses_an_untrusted_certificate(cli, smtp_server, tmp_path):
+    cert, key = make_certificate(tmp_path)
+    server = smtp_server("--starttls", "%s:%s" % (cert, key))
+    queue = campaign(cli, ["Hi"])
+    done = send(cli, queue, server, "--tls", "required")
+    assert done.returncode != 0
+    assert "certificate" in done.stderr.lower()
+    assert server.messages() == {}
+
+
+def test_starttls_required_refuses_a_server_without_it(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Hi"])
+    done = send(cli, queue, server, "--tls", "required")
+    assert done.returncode != 0
+    assert "STARTTLS" in done.stderr
+    assert server.messages() == {}
+
+
+def test_preview_shows_the_standard_message(cli):
+    path = cli.folder / "t.txt"
+    path.write_bytes(b"[HEADER]\nReplace: FIRST\nX-Campaign: spring\nMAILACCOUNT: x@y.test\n"
+                     b"[/HEADER]\nDear <!--FIRST-->,\n.\nbye\n")
+    cli.run("client", "add", "--email", "ada@example.test", "--first", "Ada", "--last", "L")
+    raw = cli.run("preview", "--template", str(path), "--client", "ada@example.test",
+                  "--subject", "Hi <!--FIRST-->").stdout
+    message = email.message_from_string(raw, policy=email.policy.default)
+    assert message["Subject"] == "Hi Ada"
+    assert message["X-Campaign"] == "spring"
+    assert message["MAILACCOUNT"] is None
+    assert message["Message-ID"] is not None
+    assert message.get_content() == "Dear Ada,\n.\nbye\n"
+
+
+def test_compat_sends_through_the_documented_classes(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Dear <!--FIRST-->,"])
+    done = send(cli, queue, server, "--compat")
+    assert done.returncode == 0, done.stderr
+    message = only_message(server, "ada@example.test")
+    # The documented classes give no Message-ID and leave To without a name.
+    assert message["Message-ID"] is None
+    assert str(message["To"]) == "ada@example.test"
+
+
+def test_a_closed_connection_is_a_clear_failure(cli):
+    queue = campaign(cli, ["Hi"])
+    done = cli.run("send", "--queue", str(queue), "--smtp", "smtp://127.0.0.1:1", "-q",
+                   check=False)
+    assert done.returncode == 1
+    assert "cannot reach SMTP server 127.0.0.1:1" in done.stderr
