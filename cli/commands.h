@@ -59,10 +59,10 @@ struct SendOptions {
   std::string queue;
   std::string campaign;  // With date: run first, then send what the run queued.
   std::string date;
-  std::string smtp;       // smtp://[user@]host[:port] or smtps://...
-  std::string account;    // The dmsmtpaccounts e-mail to send from.
-  std::string templates;  // Folder that relative template names are read from.
-  std::string ca_file;    // Extra CA certificate trusted for TLS.
+  std::string smtp;          // smtp://[user@]host[:port] or smtps://...
+  std::string account;       // The dmsmtpaccounts e-mail to send from.
+  std::string templates;     // Folder that relative template names are read from.
+  std::string ca_file;       // Extra CA certificate trusted for TLS.
   std::int32_t timeout = 0;  // Seconds per reply; 0: the standard SMTP timeouts (60 with --compat).
   std::string tls = "opportunistic";  // required, opportunistic or none (smtps:// is implicit TLS).
   std::string helo;                   // EHLO name; default the host's name or address literal.

@@ -166,8 +166,9 @@ int main(int argc, char** argv) {
                    "implicit TLS")
       ->capture_default_str()
       ->check(CLI::IsMember({"required", "opportunistic", "none"}));
-  send->add_flag("--allow-plaintext-auth", so.allow_plaintext_auth,
-                 "Allow AUTH on a connection without TLS (the password crosses the network in clear)");
+  send->add_flag(
+      "--allow-plaintext-auth", so.allow_plaintext_auth,
+      "Allow AUTH on a connection without TLS (the password crosses the network in clear)");
   send->add_option("--helo", so.helo, "Name given in EHLO (default: this host's name)");
   send->add_option("--from", so.from, "Sender address (with --smtp, or instead of the account's)");
   send->add_option("--from-name", so.from_name, "Sender display name");

@@ -289,8 +289,9 @@ void LogSent(const Store& store, const QueuedMessage& m) {
 
 // The library's documented classes: a fresh dmMessage and ardESMTP per
 // message, the outcome read from the client's transcript.
-Tally SendCompat(const Store& store, SmtpSettings settings, const std::vector<QueuedMessage>& messages,
-                 const SendOptions& o, Progress& progress, StageClock& clock) {
+Tally SendCompat(const Store& store, SmtpSettings settings,
+                 const std::vector<QueuedMessage>& messages, const SendOptions& o,
+                 Progress& progress, StageClock& clock) {
   if (settings.timeout <= 0) settings.timeout = 60;
   Tally t;
   long done = 0;
@@ -401,7 +402,8 @@ Tally SendModern(const Store& store, const SmtpSettings& settings,
     }
     std::shared_ptr<dmclients> client;
     try {
-      client = std::dynamic_pointer_cast<dmclients>(store.LoadRecord("dmclients", m.account).object());
+      client =
+          std::dynamic_pointer_cast<dmclients>(store.LoadRecord("dmclients", m.account).object());
     } catch (const CommandError& e) {
       ++t.failed;
       std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), e.what());
@@ -409,7 +411,8 @@ Tally SendModern(const Store& store, const SmtpSettings& settings,
     }
     std::string subject = SubjectFor(store, m);
     clock.Enter(Stage::kDeliver);
-    delivery::Delivery d = mailer.Send(ResolveTemplate(m.message_file, o.templates), *client, subject);
+    delivery::Delivery d =
+        mailer.Send(ResolveTemplate(m.message_file, o.templates), *client, subject);
     if (d.transport_failed && t.sent == 0 && t.deferred == 0 && t.refused == 0) {
       // Nothing got through yet: the server itself is the problem, not this
       // message, so stop rather than fail every message the same way.
@@ -425,7 +428,8 @@ Tally SendModern(const Store& store, const SmtpSettings& settings,
         break;
       case smtp::OutcomeKind::kDeferred:
         ++t.deferred;
-        std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(), d.outcome.reason.c_str());
+        std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(),
+                     d.outcome.reason.c_str());
         break;
       case smtp::OutcomeKind::kRefused:
         ++t.refused;

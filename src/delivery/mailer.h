@@ -14,8 +14,9 @@
 //   account.session.tls = quillo::smtp::TlsMode::kRequired;
 //   account.from = {"Example News", "news@example.test"};
 //   quillo::delivery::Mailer mailer(account);
-//   quillo::delivery::Delivery d = mailer.Send("/srv/templates/welcome.txt", client, "Hello <!--FIRST-->");
-//   if (d.outcome.kind != quillo::smtp::OutcomeKind::kAccepted) report(d.outcome.reason);
+//   quillo::delivery::Delivery d = mailer.Send("/srv/templates/welcome.txt", client, "Hello
+//   <!--FIRST-->"); if (d.outcome.kind != quillo::smtp::OutcomeKind::kAccepted)
+//   report(d.outcome.reason);
 //
 // Every call ends in an Outcome whose reason is never empty: a template or a
 // field that cannot make a standard message is refused before anything is
@@ -54,9 +55,9 @@ using AccountLookup = std::function<std::optional<Account>(const std::string& em
 
 // How one message ended.
 struct Delivery {
-  smtp::Outcome outcome;   // Accepted, deferred, refused or failed, with the reply.
-  std::string message_id;  // The Message-ID given, empty when nothing was composed.
-  std::string recipient;   // The address the message was for.
+  smtp::Outcome outcome;          // Accepted, deferred, refused or failed, with the reply.
+  std::string message_id;         // The Message-ID given, empty when nothing was composed.
+  std::string recipient;          // The address the message was for.
   bool transport_failed = false;  // The server could not be reached or refused the session.
 };
 
