@@ -69,6 +69,7 @@ struct SendOptions {
   std::string from;                   // Sender address for --smtp servers.
   std::string from_name;              // Its display name.
   bool allow_plaintext_auth = false;  // Allow AUTH without TLS.
+  bool resend_in_doubt = false;       // Send again what a stopped sender may have sent.
   bool compat = false;  // Send through the library's documented classes (trusted content only).
   bool quiet = false;
   bool timings = false;  // Print where the time of the sending loop went.
@@ -98,6 +99,8 @@ void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a);
 void CmdAccountList(const GlobalOptions& g);
 void CmdRun(const GlobalOptions& g, const RunOptions& r);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
+// Counts of the delivery ledger by state, and the messages in doubt.
+void CmdStatus(const GlobalOptions& g, const std::string& campaign);
 void CmdSchedule(const GlobalOptions& g, const std::string& campaign, const std::string& date);
 void CmdQueueCount(const std::string& file);
 void CmdQueueShow(const std::string& file);

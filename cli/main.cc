@@ -172,12 +172,21 @@ int main(int argc, char** argv) {
   send->add_option("--helo", so.helo, "Name given in EHLO (default: this host's name)");
   send->add_option("--from", so.from, "Sender address (with --smtp, or instead of the account's)");
   send->add_option("--from-name", so.from_name, "Sender display name");
+  send->add_flag(
+      "--resend-in-doubt", so.resend_in_doubt,
+      "Send again the messages a stopped sender had claimed: each may then arrive twice");
   send->add_flag("--compat", so.compat,
                  "Send through the library's documented classes (dmMessage, ardESMTP), unchanged: "
                  "no dot-stuffing, no header encoding; for trusted content only");
   send->add_flag("-q,--quiet", so.quiet, "No progress bar");
   send->add_flag("--timings", so.timings, "Print the time spent in each stage of sending");
   send->callback([&] { action = [&] { CmdSend(g, so); }; });
+
+  // status
+  std::string status_campaign;
+  auto* status = app.add_subcommand("status", "Show where a campaign's messages stand");
+  status->add_option("--campaign", status_campaign, "Campaign name or id (default: all)");
+  status->callback([&] { action = [&] { CmdStatus(g, status_campaign); }; });
 
   // schedule
   std::string sched_campaign, sched_date;

@@ -11,13 +11,16 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <regex>
 
 #include "commands.h"
+#include "delivery/ledger.h"
 #include "delivery/mailer.h"
 #include "mail/template_draft.h"
 #include "platform/event_loop.h"
@@ -267,7 +270,12 @@ class StageClock {
 // What a send did, message by message.
 struct Tally {
   int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;
-  bool AllDelivered() const { return deferred == 0 && refused == 0 && failed == 0; }
+  int in_doubt = 0;    // Claimed by a sender that stopped; not sent again unless asked.
+  int busy = 0;        // Held by another sender working now.
+  long abandoned = 0;  // Claims of stopped senders found at the start.
+  bool AllDelivered() const {
+    return deferred == 0 && refused == 0 && failed == 0 && in_doubt == 0;
+  }
 };
 
 // Records an accepted message in the sent-item log, which is what keeps the
@@ -287,31 +295,24 @@ void LogSent(const Store& store, const QueuedMessage& m) {
                      why);
 }
 
+// How one delivery attempt ended.
+struct Attempt {
+  smtp::OutcomeKind kind = smtp::OutcomeKind::kFailed;
+  std::string reason;        // Never empty when not accepted.
+  bool unreachable = false;  // The server itself could not be used.
+};
+
+// Delivers one queued message to its client with a subject.
+using DeliverFunction = std::function<Attempt(const QueuedMessage& m, const Dispatch& client,
+                                              const std::string& subject)>;
+
 // The library's documented classes: a fresh dmMessage and ardESMTP per
 // message, the outcome read from the client's transcript.
-Tally SendCompat(const Store& store, SmtpSettings settings,
-                 const std::vector<QueuedMessage>& messages, const SendOptions& o,
-                 Progress& progress, StageClock& clock) {
+DeliverFunction CompatDeliverer(const Store& store, SmtpSettings settings, const SendOptions& o) {
   if (settings.timeout <= 0) settings.timeout = 60;
-  Tally t;
-  long done = 0;
-  for (const QueuedMessage& m : messages) {
-    progress.Update(++done, static_cast<long>(messages.size()), m.email);
-    clock.Enter(Stage::kLookup);
-    if (AlreadySent(store, m)) {
-      ++t.skipped;
-      continue;
-    }
-    Dispatch client;
-    try {
-      client = store.LoadRecord("dmclients", m.account);
-    } catch (const CommandError& e) {
-      ++t.failed;
-      std::fprintf(stderr, "quillo: %s: %s\n", m.email.c_str(), e.what());
-      continue;
-    }
-    std::string subject = SubjectFor(store, m);
-    clock.Enter(Stage::kDeliver);
+  return [&store, settings, &o](const QueuedMessage& m, const Dispatch& client,
+                                const std::string& subject) {
+    Attempt a;
     Dispatch smtp = NewClient(settings);
     Dispatch message = Dispatch::Create("dmMessage");
     message.Put("Connection", store.connection_object());
@@ -320,39 +321,26 @@ Tally SendCompat(const Store& store, SmtpSettings settings,
     message.Put("Subject", subject);
     message.Put("MessageFileName", ResolveTemplate(m.message_file, o.templates));
     if (message.Get("Error").ToBool()) {
-      ++t.failed;
-      std::fprintf(stderr, "quillo: %s: cannot read template '%s'\n", m.email.c_str(),
-                   m.message_file.c_str());
-      continue;
+      a.reason = "cannot read template '" + m.message_file + "'";
+      return a;
     }
     try {
       message.Call("Send");
     } catch (const RuntimeError& e) {
-      ++t.failed;
-      std::fprintf(stderr, "quillo: %s: error %ld: %s\n", m.email.c_str(), e.number,
-                   e.description.c_str());
-      continue;
+      a.reason = "error " + std::to_string(e.number) + ": " + e.description;
+      return a;
     }
     if (smtp.Get("rc").ToLong() == 999) {
-      progress.Finish();
-      Unreachable(settings, smtp.Text("WinsockErrorDescription"));
+      a.unreachable = true;
+      a.reason = smtp.Text("WinsockErrorDescription");
+      return a;
     }
-    std::string detail;
-    Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &detail);
-    spdlog::debug("{}: {}", m.email, detail);
-    if (outcome == Outcome::kAccepted) {
-      clock.Enter(Stage::kLog);
-      LogSent(store, m);
-      ++t.sent;
-    } else if (outcome == Outcome::kRefused) {
-      ++t.refused;
-      std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), detail.c_str());
-    } else {
-      ++t.failed;
-      std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), detail.c_str());
-    }
-  }
-  return t;
+    Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &a.reason);
+    a.kind = outcome == Outcome::kAccepted  ? smtp::OutcomeKind::kAccepted
+             : outcome == Outcome::kRefused ? smtp::OutcomeKind::kRefused
+                                            : smtp::OutcomeKind::kFailed;
+    return a;
+  };
 }
 
 smtp::TlsMode TlsModeFor(const SmtpSettings& s, const std::string& option) {
@@ -382,66 +370,167 @@ delivery::Account ModernAccount(const SmtpSettings& s, const SendOptions& o) {
 }
 
 // Our own delivery path: one Mailer, its connections reused between messages.
-Tally SendModern(const Store& store, const SmtpSettings& settings,
-                 const std::vector<QueuedMessage>& messages, const SendOptions& o,
-                 Progress& progress, StageClock& clock) {
+DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings,
+                                const SendOptions& o, std::shared_ptr<delivery::Mailer>& keep) {
   auto lookup = [&store, &o](const std::string& email) -> std::optional<delivery::Account> {
     std::optional<SmtpSettings> found = FindAccount(store, email);
     if (!found) return std::nullopt;
     return ModernAccount(*found, o);
   };
-  delivery::Mailer mailer(ModernAccount(settings, o), lookup);
-  Tally t;
-  long done = 0;
-  for (const QueuedMessage& m : messages) {
-    progress.Update(++done, static_cast<long>(messages.size()), m.email);
-    clock.Enter(Stage::kLookup);
-    if (AlreadySent(store, m)) {
-      ++t.skipped;
-      continue;
-    }
-    std::shared_ptr<dmclients> client;
-    try {
-      client =
-          std::dynamic_pointer_cast<dmclients>(store.LoadRecord("dmclients", m.account).object());
-    } catch (const CommandError& e) {
-      ++t.failed;
-      std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), e.what());
-      continue;
-    }
-    std::string subject = SubjectFor(store, m);
-    clock.Enter(Stage::kDeliver);
+  keep = std::make_shared<delivery::Mailer>(ModernAccount(settings, o), lookup);
+  auto mailer = keep;
+  auto delivered_any = std::make_shared<bool>(false);
+  return [mailer, delivered_any, &o](const QueuedMessage& m, const Dispatch& client,
+                                     const std::string& subject) {
+    Attempt a;
+    auto* record = dynamic_cast<dmclients*>(client.object().get());
     delivery::Delivery d =
-        mailer.Send(ResolveTemplate(m.message_file, o.templates), *client, subject);
-    if (d.transport_failed && t.sent == 0 && t.deferred == 0 && t.refused == 0) {
-      // Nothing got through yet: the server itself is the problem, not this
-      // message, so stop rather than fail every message the same way.
-      progress.Finish();
-      Unreachable(settings, d.outcome.reason);
+        mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject);
+    a.kind = d.outcome.kind;
+    a.reason = d.outcome.reason;
+    // Before anything got through, a transport failure is the server's, not
+    // this message's: stop rather than fail every message the same way.
+    a.unreachable = d.transport_failed && !*delivered_any;
+    if (!d.transport_failed) *delivered_any = true;
+    return a;
+  };
+}
+
+delivery::LedgerState LedgerStateOf(smtp::OutcomeKind kind) {
+  switch (kind) {
+    case smtp::OutcomeKind::kAccepted:
+      return delivery::LedgerState::kAccepted;
+    case smtp::OutcomeKind::kDeferred:
+      return delivery::LedgerState::kDeferred;
+    case smtp::OutcomeKind::kRefused:
+      return delivery::LedgerState::kRefused;
+    case smtp::OutcomeKind::kFailed:
+      break;
+  }
+  return delivery::LedgerState::kFailed;
+}
+
+// Messages are claimed, sent and recorded in groups of this many: a sender
+// killed mid-group leaves at most this many messages in doubt.
+constexpr size_t kGroupSize = 32;
+
+// Sends the queue: each group of messages is claimed in the delivery ledger
+// before it is sent, and its outcomes are written, with the sent-item log of
+// the accepted ones, in one transaction after it. So two senders on one
+// database never send the same message, and a crash leaves at most one group
+// in doubt.
+Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
+                const SendOptions& o, const SmtpSettings& settings, const DeliverFunction& deliver,
+                Progress& progress, StageClock& clock) {
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  delivery::CreateLedgerSchema(*connection);
+  delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
+  Tally t;
+  t.abandoned = ledger.MarkAbandonedClaims();
+  long done = 0;
+  for (size_t start = 0; start < messages.size(); start += kGroupSize) {
+    size_t end = std::min(messages.size(), start + kGroupSize);
+    clock.Enter(Stage::kLookup);
+    std::vector<const QueuedMessage*> group;
+    std::vector<delivery::MessageKey> keys;
+    for (size_t i = start; i < end; ++i) {
+      const QueuedMessage& m = messages[i];
+      if (AlreadySent(store, m)) {
+        ++t.skipped;
+        progress.Update(++done, static_cast<long>(messages.size()), m.email);
+        continue;
+      }
+      group.push_back(&m);
+      keys.push_back({m.campaign_id, m.item_id, m.account, m.email});
     }
-    spdlog::debug("{}: {} {}", m.email, smtp::OutcomeName(d.outcome.kind), d.outcome.reason);
-    switch (d.outcome.kind) {
-      case smtp::OutcomeKind::kAccepted:
-        clock.Enter(Stage::kLog);
-        LogSent(store, m);
-        ++t.sent;
-        break;
-      case smtp::OutcomeKind::kDeferred:
-        ++t.deferred;
-        std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(),
-                     d.outcome.reason.c_str());
-        break;
-      case smtp::OutcomeKind::kRefused:
-        ++t.refused;
-        std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), d.outcome.reason.c_str());
-        break;
-      case smtp::OutcomeKind::kFailed:
-        ++t.failed;
-        std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), d.outcome.reason.c_str());
-        break;
+    std::vector<delivery::ClaimResult> claims = ledger.Claim(keys, o.resend_in_doubt);
+    struct Done {
+      size_t index;
+      Attempt attempt;
+    };
+    std::vector<Done> outcomes;
+    bool stop = false;
+    std::string stop_reason;
+    for (size_t i = 0; i < group.size(); ++i) {
+      const QueuedMessage& m = *group[i];
+      progress.Update(++done, static_cast<long>(messages.size()), m.email);
+      switch (claims[i]) {
+        case delivery::ClaimResult::kAccepted:
+          ++t.skipped;
+          continue;
+        case delivery::ClaimResult::kBusy:
+          ++t.busy;
+          continue;
+        case delivery::ClaimResult::kInDoubt:
+          ++t.in_doubt;
+          std::fprintf(stderr, "quillo: %s in doubt: claimed by a sender that stopped\n",
+                       m.email.c_str());
+          continue;
+        case delivery::ClaimResult::kClaimed:
+          break;
+      }
+      Attempt a;
+      if (stop) {
+        a.reason = "not attempted: " + stop_reason;
+        outcomes.push_back({i, a});
+        continue;
+      }
+      clock.Enter(Stage::kLookup);
+      Dispatch client;
+      try {
+        client = store.LoadRecord("dmclients", m.account);
+      } catch (const CommandError& e) {
+        a.reason = e.what();
+        outcomes.push_back({i, a});
+        continue;
+      }
+      std::string subject = SubjectFor(store, m);
+      clock.Enter(Stage::kDeliver);
+      a = deliver(m, client, subject);
+      if (a.unreachable) {
+        stop = true;
+        stop_reason = a.reason;
+      }
+      outcomes.push_back({i, a});
+    }
+    clock.Enter(Stage::kLog);
+    ledger.Begin();
+    try {
+      for (const Done& d : outcomes) {
+        const QueuedMessage& m = *group[d.index];
+        const Attempt& a = d.attempt;
+        ledger.Record(keys[d.index], LedgerStateOf(a.kind), a.reason);
+        if (a.unreachable || a.reason.rfind("not attempted: ", 0) == 0) continue;
+        switch (a.kind) {
+          case smtp::OutcomeKind::kAccepted:
+            LogSent(store, m);
+            ++t.sent;
+            break;
+          case smtp::OutcomeKind::kDeferred:
+            ++t.deferred;
+            std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(), a.reason.c_str());
+            break;
+          case smtp::OutcomeKind::kRefused:
+            ++t.refused;
+            std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), a.reason.c_str());
+            break;
+          case smtp::OutcomeKind::kFailed:
+            ++t.failed;
+            std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), a.reason.c_str());
+            break;
+        }
+        spdlog::debug("{}: {} {}", m.email, smtp::OutcomeName(a.kind), a.reason);
+      }
+      ledger.Commit();
+    } catch (...) {
+      ledger.Rollback();
+      throw;
+    }
+    if (stop) {
+      progress.Finish();
+      Unreachable(settings, stop_reason);
     }
   }
-  mailer.Close();
   return t;
 }
 
@@ -495,15 +584,24 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   std::vector<QueuedMessage> messages = ReadQueue(queue_file);
   Progress progress(!o.quiet && isatty(STDOUT_FILENO));
   StageClock clock;
-  Tally t = o.compat ? SendCompat(store, settings, messages, o, progress, clock)
-                     : SendModern(store, settings, messages, o, progress, clock);
+  std::shared_ptr<delivery::Mailer> mailer;
+  DeliverFunction deliver =
+      o.compat ? CompatDeliverer(store, settings, o) : ModernDeliverer(store, settings, o, mailer);
+  Tally t = SendQueue(store, messages, o, settings, deliver, progress, clock);
+  if (mailer) mailer->Close();
   clock.Stop();
   progress.Finish();
   std::printf("sent %d, refused %d, failed %d, deferred %d, already sent %d (of %zu queued)\n",
               t.sent, t.refused, t.failed, t.deferred, t.skipped, messages.size());
+  if (t.in_doubt > 0 || t.busy > 0 || t.abandoned > 0) {
+    std::printf(
+        "in doubt %d (not sent again; --resend-in-doubt sends them), held by another "
+        "sender %d\n",
+        t.in_doubt, t.busy);
+  }
   if (o.timings) clock.Print();
   if (!t.AllDelivered()) {
-    throw NotAllDelivered(std::to_string(t.refused + t.failed + t.deferred) + " of " +
+    throw NotAllDelivered(std::to_string(t.refused + t.failed + t.deferred + t.in_doubt) + " of " +
                           std::to_string(messages.size()) + " messages were not delivered");
   }
 }
@@ -555,6 +653,34 @@ void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::str
     }
   }
   std::fwrite(raw.data(), 1, raw.size(), stdout);
+}
+
+}  // namespace quillo::cli
+
+namespace quillo::cli {
+
+void CmdStatus(const GlobalOptions& g, const std::string& campaign) {
+  Store store(g.db);
+  std::string campaign_id = campaign.empty() ? std::string() : store.FindCampaign(campaign);
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  delivery::CreateLedgerSchema(*connection);
+  delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
+  std::vector<long> counts = ledger.Counts(campaign_id);
+  for (int i = 0; i < static_cast<int>(counts.size()); ++i) {
+    std::printf("%-10s %ld\n", delivery::LedgerStateName(static_cast<delivery::LedgerState>(i)),
+                counts[static_cast<size_t>(i)]);
+  }
+  std::vector<delivery::LedgerRow> in_doubt =
+      ledger.Rows(delivery::LedgerState::kInDoubt, campaign_id);
+  if (!in_doubt.empty()) {
+    std::printf(
+        "\nin doubt (a sender stopped after claiming them; `send --resend-in-doubt` sends "
+        "them again):\n");
+    for (const auto& row : in_doubt) {
+      std::printf("  %s  item %s  claimed by %s, %s UTC\n", row.key.email.c_str(),
+                  row.key.item_id.c_str(), row.worker.c_str(), row.updated.c_str());
+    }
+  }
 }
 
 }  // namespace quillo::cli

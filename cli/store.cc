@@ -5,9 +5,9 @@
 #include <memory>
 #include <random>
 
+#include "codec/md5.h"
 #include "platform/database.h"
 #include "platform/schema.h"
-#include "codec/md5.h"
 
 namespace quillo::cli {
 

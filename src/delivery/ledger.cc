@@ -1,0 +1,232 @@
+#include "delivery/ledger.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <ctime>
+#include <utility>
+
+#include "platform/database.h"
+#include "platform/error.h"
+
+namespace quillo::delivery {
+
+namespace {
+
+constexpr const char* kStateNames[] = {"claimed", "accepted", "deferred",
+                                       "refused", "failed",   "in-doubt"};
+
+// `text` as an SQL string literal.
+std::string Quote(std::string_view text) {
+  std::string out = "'";
+  for (char c : text) {
+    out += c;
+    if (c == '\'') out += '\'';
+  }
+  out += '\'';
+  return out;
+}
+
+std::string KeyCondition(const MessageKey& key) {
+  return "CampaignRecID = " + Quote(key.campaign_id) +
+         " AND CampaignItemRecID = " + Quote(key.item_id) + " AND Account = " + Quote(key.client);
+}
+
+std::string Text(const Recordset& rs, std::string_view field) {
+  Variant v = rs.FieldValue(field);
+  return v.IsNull() || v.IsEmpty() ? std::string() : v.ToString();
+}
+
+// Whether the worker "host:pid" is a process of this host that has ended.
+bool EndedOnThisHost(const std::string& worker) {
+  size_t colon = worker.rfind(':');
+  if (colon == std::string::npos) return false;
+  char host[256] = {};
+  if (gethostname(host, sizeof host - 1) != 0 || worker.substr(0, colon) != host) return false;
+  long pid = 0;
+  const char* first = worker.data() + colon + 1;
+  const char* last = worker.data() + worker.size();
+  if (std::from_chars(first, last, pid).ptr != last || pid <= 0) return false;
+  return kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
+
+}  // namespace
+
+const char* LedgerStateName(LedgerState state) { return kStateNames[static_cast<int>(state)]; }
+
+std::optional<LedgerState> ParseLedgerState(std::string_view name) {
+  for (int i = 0; i < 6; ++i) {
+    if (name == kStateNames[i]) return static_cast<LedgerState>(i);
+  }
+  return std::nullopt;
+}
+
+std::string LedgerTime(long seconds_from_now) {
+  std::time_t t = std::time(nullptr) + seconds_from_now;
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buffer[32];
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &tm);
+  return buffer;
+}
+
+void CreateLedgerSchema(Connection& connection) {
+  connection.Execute(
+      "CREATE TABLE IF NOT EXISTS quillo_deliveries ("
+      "CampaignRecID VARCHAR(32) NOT NULL, CampaignItemRecID VARCHAR(32) NOT NULL, "
+      "Account VARCHAR(32) NOT NULL, Email VARCHAR(255), State VARCHAR(16) NOT NULL, "
+      "Attempts INTEGER NOT NULL DEFAULT 0, NextAttempt VARCHAR(19), LastReply VARCHAR(1000), "
+      "Worker VARCHAR(300), Updated VARCHAR(19), "
+      "PRIMARY KEY (CampaignRecID, CampaignItemRecID, Account))");
+  connection.Execute(
+      "CREATE INDEX IF NOT EXISTS quillo_deliveries_state ON quillo_deliveries (State, "
+      "CampaignRecID)");
+}
+
+Ledger::Ledger(std::shared_ptr<Connection> connection, std::string worker)
+    : connection_(std::move(connection)), worker_(std::move(worker)) {
+  sqlite_ = connection_->EngineName() == "sqlite";
+}
+
+std::string Ledger::ThisWorker() {
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  return std::string(host) + ":" + std::to_string(getpid());
+}
+
+long Ledger::MarkAbandonedClaims(long lease_seconds) {
+  std::vector<std::string> workers;
+  {
+    Recordset rs;
+    rs.Open("SELECT DISTINCT Worker FROM quillo_deliveries WHERE State = 'claimed'", connection_,
+            kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+    for (; !rs.Eof(); rs.MoveNext()) workers.push_back(Text(rs, "Worker"));
+    rs.Close();
+  }
+  long changed = 0;
+  for (const std::string& worker : workers) {
+    if (worker == worker_) continue;
+    std::string sql =
+        "UPDATE quillo_deliveries SET State = 'in-doubt', Updated = " + Quote(LedgerTime()) +
+        " WHERE State = 'claimed' AND Worker = " + Quote(worker);
+    if (!EndedOnThisHost(worker)) sql += " AND Updated < " + Quote(LedgerTime(-lease_seconds));
+    long affected = 0;
+    connection_->Execute(sql, &affected);
+    changed += affected;
+  }
+  return changed;
+}
+
+std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool resend_in_doubt) {
+  std::vector<ClaimResult> results(keys.size(), ClaimResult::kBusy);
+  if (keys.empty()) return results;
+  const std::string now = Quote(LedgerTime());
+  const std::string worker = Quote(worker_);
+  std::string retryable = "State IN ('deferred', 'refused', 'failed'";
+  if (resend_in_doubt) retryable += ", 'in-doubt'";
+  retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + now + ")";
+  Begin();
+  try {
+    for (size_t i = 0; i < keys.size(); ++i) {
+      const MessageKey& key = keys[i];
+      long affected = 0;
+      connection_->Execute(
+          "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+          "Attempts, Worker, Updated) VALUES (" +
+              Quote(key.campaign_id) + ", " + Quote(key.item_id) + ", " + Quote(key.client) + ", " +
+              Quote(key.email) + ", 'claimed', 0, " + worker + ", " + now +
+              ") ON CONFLICT DO NOTHING",
+          &affected);
+      if (affected == 0) {
+        connection_->Execute("UPDATE quillo_deliveries SET State = 'claimed', Worker = " + worker +
+                                 ", Updated = " + now + " WHERE " + KeyCondition(key) + " AND " +
+                                 retryable,
+                             &affected);
+      }
+      if (affected > 0) {
+        results[i] = ClaimResult::kClaimed;
+        continue;
+      }
+      Recordset rs;
+      rs.Open("SELECT State FROM quillo_deliveries WHERE " + KeyCondition(key), connection_,
+              kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+      std::string state = rs.Eof() ? std::string() : Text(rs, "State");
+      rs.Close();
+      if (state == "accepted") results[i] = ClaimResult::kAccepted;
+      if (state == "in-doubt") results[i] = ClaimResult::kInDoubt;
+    }
+    Commit();
+  } catch (...) {
+    Rollback();
+    throw;
+  }
+  return results;
+}
+
+void Ledger::Begin() { connection_->Execute(sqlite_ ? "BEGIN IMMEDIATE" : "BEGIN"); }
+
+void Ledger::Commit() { connection_->Execute("COMMIT"); }
+
+void Ledger::Rollback() {
+  try {
+    connection_->Execute("ROLLBACK");
+  } catch (const RuntimeError&) {
+    // No transaction was open (BEGIN itself failed); nothing to undo.
+  }
+}
+
+void Ledger::Record(const MessageKey& key, LedgerState state, std::string_view reply,
+                    std::string_view next_attempt) {
+  std::string sql =
+      "UPDATE quillo_deliveries SET State = " + Quote(LedgerStateName(state)) +
+      ", Attempts = Attempts + 1, LastReply = " + Quote(reply.substr(0, 1000)) +
+      ", NextAttempt = " + (next_attempt.empty() ? std::string("NULL") : Quote(next_attempt)) +
+      ", Updated = " + Quote(LedgerTime()) + " WHERE " + KeyCondition(key) +
+      " AND Worker = " + Quote(worker_);
+  connection_->Execute(sql);
+}
+
+std::vector<LedgerRow> Ledger::Rows(LedgerState state, const std::string& campaign_id) const {
+  std::string sql =
+      "SELECT * FROM quillo_deliveries WHERE State = " + Quote(LedgerStateName(state));
+  if (!campaign_id.empty()) sql += " AND CampaignRecID = " + Quote(campaign_id);
+  sql += " ORDER BY Updated, Email";
+  std::vector<LedgerRow> rows;
+  Recordset rs;
+  rs.Open(sql, connection_, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  for (; !rs.Eof(); rs.MoveNext()) {
+    LedgerRow row;
+    row.key = {Text(rs, "CampaignRecID"), Text(rs, "CampaignItemRecID"), Text(rs, "Account"),
+               Text(rs, "Email")};
+    row.state = state;
+    row.attempts = rs.FieldValue("Attempts").ToLong();
+    row.next_attempt = Text(rs, "NextAttempt");
+    row.last_reply = Text(rs, "LastReply");
+    row.worker = Text(rs, "Worker");
+    row.updated = Text(rs, "Updated");
+    rows.push_back(std::move(row));
+  }
+  rs.Close();
+  return rows;
+}
+
+std::vector<long> Ledger::Counts(const std::string& campaign_id) const {
+  std::vector<long> counts(6, 0);
+  std::string sql = "SELECT State, COUNT(*) AS N FROM quillo_deliveries";
+  if (!campaign_id.empty()) sql += " WHERE CampaignRecID = " + Quote(campaign_id);
+  sql += " GROUP BY State";
+  Recordset rs;
+  rs.Open(sql, connection_, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  for (; !rs.Eof(); rs.MoveNext()) {
+    if (auto state = ParseLedgerState(Text(rs, "State"))) {
+      counts[static_cast<int>(*state)] = rs.FieldValue("N").ToLong();
+    }
+  }
+  rs.Close();
+  return counts;
+}
+
+}  // namespace quillo::delivery

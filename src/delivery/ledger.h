@@ -1,0 +1,130 @@
+// Ledger: the delivery ledger that makes a message go out once, however
+// many senders work on the same database.
+//
+// One row per (campaign, item, client) in the table quillo_deliveries, with
+// its state, attempts, next attempt time, last reply and the worker that
+// holds it. A sender claims a group of messages in one transaction before it
+// sends them (SQLite: BEGIN IMMEDIATE; PostgreSQL: INSERT ... ON CONFLICT DO
+// NOTHING and a conditional UPDATE, which the server serialises per row), so
+// two senders never hold the same message. Outcomes of a group are written
+// in one transaction too, together with the sent-item log, which keeps the
+// log cheap per message. A sender that dies between the two leaves at most
+// one group "claimed"; the next sender marks those rows "in doubt": the
+// server may or may not have accepted them, so they are reported and, unless
+// the operator asks for it, not sent again.
+//
+//   quillo::delivery::Ledger ledger(connection, quillo::delivery::Ledger::ThisWorker());
+//   ledger.MarkAbandonedClaims();
+//   auto claims = ledger.Claim(keys, /*resend_in_doubt=*/false);
+//   ... send the claimed ones ...
+//   ledger.Begin();
+//   ledger.Record(key, quillo::delivery::LedgerState::kAccepted, "250 2.0.0 Ok");
+//   ledger.Commit();
+//
+// Thread-safety: none; a Ledger uses its connection from one thread.
+#ifndef QUILLO_DELIVERY_LEDGER_H_
+#define QUILLO_DELIVERY_LEDGER_H_
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillo {
+
+class Connection;
+
+namespace delivery {
+
+// Where a message stands.
+enum class LedgerState { kClaimed, kAccepted, kDeferred, kRefused, kFailed, kInDoubt };
+
+// "claimed", "accepted", "deferred", "refused", "failed", "in-doubt".
+const char* LedgerStateName(LedgerState state);
+std::optional<LedgerState> ParseLedgerState(std::string_view name);
+
+// The key of one message: a campaign item for one client.
+struct MessageKey {
+  std::string campaign_id;  // dmmrktcmp RecID.
+  std::string item_id;      // dmmrktcmpitems RecID.
+  std::string client;       // dmclients Account.
+  std::string email;        // The address, kept for reports.
+};
+
+// What Claim found for one key.
+enum class ClaimResult {
+  kClaimed,   // This worker holds it now and should send it.
+  kAccepted,  // Already accepted by a server.
+  kBusy,      // Another worker holds it.
+  kInDoubt,   // Claimed by a sender that stopped; not sent again unless asked.
+};
+
+// One ledger row, for reports.
+struct LedgerRow {
+  MessageKey key;
+  LedgerState state;
+  long attempts = 0;
+  std::string next_attempt;  // UTC "yyyy-mm-dd hh:nn:ss", empty when none.
+  std::string last_reply;
+  std::string worker;
+  std::string updated;  // UTC "yyyy-mm-dd hh:nn:ss".
+};
+
+// Creates quillo_deliveries and its index when missing (SQLite and PostgreSQL).
+void CreateLedgerSchema(Connection& connection);
+
+class Ledger {
+ public:
+  // `worker` names this sender in the rows it claims ("host:pid").
+  Ledger(std::shared_ptr<Connection> connection, std::string worker);
+
+  // "host:pid" of this process.
+  static std::string ThisWorker();
+
+  // Marks rows still "claimed" by a worker that is gone as "in doubt": a
+  // worker on this host whose process no longer runs, or any worker whose
+  // claim is older than `lease_seconds`. Returns how many rows changed.
+  long MarkAbandonedClaims(long lease_seconds = 3600);
+
+  // Claims the messages of `keys` that are free, in one transaction: new
+  // ones, and ones whose last attempt was deferred, refused or failed (and
+  // whose next attempt time has come). In-doubt ones too when
+  // `resend_in_doubt`. Returns one result per key, in order. Throws
+  // RuntimeError when the database refuses (locked, read-only): then nothing
+  // is claimed.
+  std::vector<ClaimResult> Claim(std::span<const MessageKey> keys, bool resend_in_doubt);
+
+  // Opens the transaction that Record and the caller's own writes (the
+  // sent-item log) share; Commit ends it.
+  void Begin();
+  void Commit();
+  // Ends the transaction without keeping its writes.
+  void Rollback();
+
+  // Records the outcome of an attempt on a message this worker claimed.
+  // `next_attempt` ("yyyy-mm-dd hh:nn:ss" UTC) is when it may be tried again.
+  void Record(const MessageKey& key, LedgerState state, std::string_view reply,
+              std::string_view next_attempt = {});
+
+  // Rows of `campaign_id` (every campaign when empty) in `state`, oldest first.
+  std::vector<LedgerRow> Rows(LedgerState state, const std::string& campaign_id = {}) const;
+
+  // Counts of every state for `campaign_id` (every campaign when empty), in
+  // LedgerState order.
+  std::vector<long> Counts(const std::string& campaign_id = {}) const;
+
+ private:
+  std::shared_ptr<Connection> connection_;
+  std::string worker_;
+  bool sqlite_ = true;  // SQLite takes the write lock up front; PostgreSQL locks per row.
+};
+
+// The current UTC time, `seconds_from_now` ahead, as "yyyy-mm-dd hh:nn:ss".
+std::string LedgerTime(long seconds_from_now = 0);
+
+}  // namespace delivery
+}  // namespace quillo
+
+#endif  // QUILLO_DELIVERY_LEDGER_H_

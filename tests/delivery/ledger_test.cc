@@ -1,0 +1,159 @@
+#include "delivery/ledger.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/database.h"
+#include "support/test_databases.h"
+
+namespace quillo::delivery {
+namespace {
+
+using quillo::testing_support::Engine;
+using quillo::testing_support::TestDatabase;
+
+class LedgerTest : public ::testing::TestWithParam<Engine> {
+ protected:
+  void SetUp() override {
+    db_ = TestDatabase::Make(GetParam());
+    connection_ = db_->Open();
+    CreateLedgerSchema(*connection_);
+  }
+
+  static std::vector<MessageKey> Keys(int n) {
+    std::vector<MessageKey> keys;
+    for (int i = 0; i < n; ++i) {
+      keys.push_back(
+          {"C1", "I1", "client" + std::to_string(i), "c" + std::to_string(i) + "@x.test"});
+    }
+    return keys;
+  }
+
+  std::unique_ptr<TestDatabase> db_;
+  std::shared_ptr<Connection> connection_;
+};
+
+TEST_P(LedgerTest, CreatingTheSchemaTwiceIsHarmless) {
+  EXPECT_NO_THROW(CreateLedgerSchema(*connection_));
+}
+
+TEST_P(LedgerTest, ANewMessageIsClaimedOnceOnly) {
+  Ledger first(connection_, "host-a:1");
+  Ledger second(db_->Open(), "host-b:2");
+  auto keys = Keys(3);
+  EXPECT_EQ(first.Claim(keys, false), std::vector<ClaimResult>(3, ClaimResult::kClaimed));
+  EXPECT_EQ(second.Claim(keys, false), std::vector<ClaimResult>(3, ClaimResult::kBusy));
+  EXPECT_EQ(first.Counts()[static_cast<int>(LedgerState::kClaimed)], 3);
+}
+
+TEST_P(LedgerTest, AnAcceptedMessageIsNeverClaimedAgain) {
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(1);
+  ledger.Claim(keys, false);
+  ledger.Begin();
+  ledger.Record(keys[0], LedgerState::kAccepted, "250 2.0.0 Ok");
+  ledger.Commit();
+  EXPECT_EQ(ledger.Claim(keys, true), std::vector<ClaimResult>{ClaimResult::kAccepted});
+  Ledger other(db_->Open(), "host-b:2");
+  EXPECT_EQ(other.Claim(keys, true), std::vector<ClaimResult>{ClaimResult::kAccepted});
+}
+
+TEST_P(LedgerTest, DeferredRefusedAndFailedMessagesAreClaimedAgainWhenDue) {
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(3);
+  ledger.Claim(keys, false);
+  ledger.Begin();
+  ledger.Record(keys[0], LedgerState::kDeferred, "451 4.7.1 later", LedgerTime(3600));
+  ledger.Record(keys[1], LedgerState::kRefused, "550 5.1.1 unknown");
+  ledger.Record(keys[2], LedgerState::kFailed, "connection reset", LedgerTime(-1));
+  ledger.Commit();
+  Ledger other(db_->Open(), "host-b:2");
+  EXPECT_EQ(
+      other.Claim(keys, false),
+      (std::vector<ClaimResult>{ClaimResult::kBusy, ClaimResult::kClaimed, ClaimResult::kClaimed}));
+  auto refused = other.Rows(LedgerState::kClaimed);
+  ASSERT_EQ(refused.size(), 2u);
+  EXPECT_EQ(refused[0].attempts + refused[1].attempts, 2);
+}
+
+TEST_P(LedgerTest, ClaimsOfAStoppedWorkerBecomeInDoubtAndStayUnsent) {
+  // A worker of this host whose process has ended.
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  waitpid(child, nullptr, 0);
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  std::string gone = std::string(host) + ":" + std::to_string(child);
+
+  auto keys = Keys(2);
+  Ledger stopped(connection_, gone);
+  stopped.Claim(keys, false);
+
+  Ledger next(db_->Open(), Ledger::ThisWorker());
+  EXPECT_EQ(next.MarkAbandonedClaims(), 2);
+  EXPECT_EQ(next.Claim(keys, false), std::vector<ClaimResult>(2, ClaimResult::kInDoubt));
+  auto in_doubt = next.Rows(LedgerState::kInDoubt, "C1");
+  ASSERT_EQ(in_doubt.size(), 2u);
+  EXPECT_EQ(in_doubt[0].worker, gone);
+  EXPECT_EQ(next.Claim(keys, true), std::vector<ClaimResult>(2, ClaimResult::kClaimed));
+}
+
+TEST_P(LedgerTest, ALiveWorkersRecentClaimsAreLeftAlone) {
+  auto keys = Keys(1);
+  Ledger other_host(connection_, "elsewhere.example:4242");
+  other_host.Claim(keys, false);
+  Ledger next(db_->Open(), Ledger::ThisWorker());
+  EXPECT_EQ(next.MarkAbandonedClaims(), 0);
+  EXPECT_EQ(next.Claim(keys, false), std::vector<ClaimResult>{ClaimResult::kBusy});
+}
+
+TEST_P(LedgerTest, ARolledBackGroupLeavesTheClaims) {
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(1);
+  ledger.Claim(keys, false);
+  ledger.Begin();
+  ledger.Record(keys[0], LedgerState::kAccepted, "250 ok");
+  ledger.Rollback();
+  EXPECT_EQ(ledger.Rows(LedgerState::kClaimed).size(), 1u);
+}
+
+TEST_P(LedgerTest, ConcurrentClaimersShareTheMessagesWithoutOverlap) {
+  constexpr int kMessages = 400;
+  constexpr int kWorkers = 4;
+  auto keys = Keys(kMessages);
+  std::vector<std::vector<std::string>> won(kWorkers);
+  std::vector<std::thread> threads;
+  for (int w = 0; w < kWorkers; ++w) {
+    threads.emplace_back([&, w] {
+      Ledger ledger(db_->Open(), "host:" + std::to_string(100 + w));
+      for (size_t start = 0; start < keys.size(); start += 25) {
+        std::span<const MessageKey> group(keys.data() + start, 25);
+        auto results = ledger.Claim(group, false);
+        for (size_t i = 0; i < results.size(); ++i) {
+          if (results[i] == ClaimResult::kClaimed) won[w].push_back(group[i].client);
+        }
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  std::set<std::string> all;
+  size_t total = 0;
+  for (const auto& list : won) {
+    total += list.size();
+    all.insert(list.begin(), list.end());
+  }
+  EXPECT_EQ(total, static_cast<size_t>(kMessages));
+  EXPECT_EQ(all.size(), static_cast<size_t>(kMessages));
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, LedgerTest, quillo::testing_support::TestEngines(),
+                         quillo::testing_support::EngineName);
+
+}  // namespace
+}  // namespace quillo::delivery
