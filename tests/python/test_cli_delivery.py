@@ -236,3 +236,66 @@ def test_a_closed_connection_is_a_clear_failure(cli):
                    check=False)
     assert done.returncode == 1
     assert "cannot reach SMTP server 127.0.0.1:1" in done.stderr
+
+
+def many_clients(cli, n):
+    """A campaign with one item due on enrolment, and `n` enrolled clients."""
+    clients = cli.folder / "clients.csv"
+    clients.write_text("".join("c%04d@example.test,First%d,Last\n" % (i, i) for i in range(n)))
+    enrolments = cli.folder / "enrol.csv"
+    enrolments.write_text("".join("c%04d@example.test,2026-03-01\n" % i for i in range(n)))
+    path = cli.folder / "item.txt"
+    path.write_bytes(b"[HEADER]\r\nReplace: FIRST\r\n[/HEADER]\r\nHi <!--FIRST-->\r\n")
+    cli.run("campaign", "add", "--name", "Drip", "--type", "1")
+    cli.run("campaign", "item", "--campaign", "Drip", "--file", str(path), "--interval", "0",
+            "--description", "Hi")
+    cli.run("client", "import", str(clients))
+    cli.run("enrol", "import", "--campaign", "Drip", str(enrolments))
+    queue = cli.folder / "q.txt"
+    cli.run("run", "--campaign", "Drip", "--date", "2026-03-01", "--queue", str(queue), "-q")
+    return queue
+
+
+def test_two_senders_on_one_queue_send_each_message_once(cli, smtp_server):
+    server = smtp_server()
+    queue = many_clients(cli, 300)
+    args = [QUILLO, "--db", cli.db, "send", "--queue", str(queue), "--smtp",
+            "smtp://127.0.0.1:%d" % server.port, "--from", "news@quillo.example", "-q"]
+    senders = [subprocess.Popen(args, cwd=cli.folder, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True) for _ in range(2)]
+    results = [s.communicate(timeout=120) for s in senders]
+    for sender, (out, err) in zip(senders, results):
+        assert sender.returncode == 0, err
+    got = server.messages()
+    assert len(got) == 300
+    assert all(len(messages) == 1 for messages in got.values())
+    sent = sum(int(out.split("sent ")[1].split(",")[0]) for out, _ in results)
+    assert sent == 300
+
+
+def test_claims_of_a_stopped_sender_are_reported_and_not_resent(cli, smtp_server):
+    import sqlite3
+    server = smtp_server()
+    queue = campaign(cli, ["Hi"], clients=[("ada@example.test", "Ada", "L"),
+                                           ("alan@example.test", "Alan", "T")])
+    cli.run("status")  # creates the ledger table
+    line = [l for l in queue.read_text().splitlines() if "ada@example.test" in l][0]
+    fields = [f.strip('"') for f in line.split('","')]
+    client_key, item_id, campaign_id = fields[2], fields[3], fields[5]
+    db = sqlite3.connect(str(cli.folder / "quillo.db"))
+    db.execute("INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email,"
+               " State, Attempts, Worker, Updated) VALUES (?, ?, ?, ?, 'claimed', 0, ?,"
+               " '2026-01-01 00:00:00')",
+               (campaign_id, item_id, client_key, "ada@example.test", "gone.example:1"))
+    db.commit()
+    db.close()
+    done = send(cli, queue, server)
+    assert done.returncode == 3
+    assert "ada@example.test in doubt" in done.stderr
+    assert "in doubt 1" in done.stdout
+    assert list(server.messages()) == ["alan@example.test"]
+    status = cli.out("status", "--campaign", "Drip")
+    assert "in-doubt   1" in status and "ada@example.test" in status
+    again = send(cli, queue, server, "--resend-in-doubt")
+    assert again.returncode == 0, again.stderr
+    assert sorted(server.messages()) == ["ada@example.test", "alan@example.test"]
