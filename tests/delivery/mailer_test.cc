@@ -22,10 +22,10 @@ Account AccountFor(const ScriptedSmtpPeer& peer, const std::string& address) {
   return account;
 }
 
-dmclients Client(const std::string& email, const std::string& first) {
-  dmclients client;
-  client.Email(email);
-  client.First(first);
+std::shared_ptr<dmclients> Client(const std::string& email, const std::string& first) {
+  auto client = std::make_shared<dmclients>();
+  client->Email(email);
+  client->First(first);
   return client;
 }
 
@@ -40,8 +40,8 @@ TEST(Mailer, DeliversSeveralMessagesOverOneConnection) {
   std::string path =
       WriteTemplate(folder, "t.txt", "[HEADER]\nReplace: FIRST\n[/HEADER]\nHi <!--FIRST-->\n");
   Mailer mailer(AccountFor(peer, "news@example.test"));
-  Delivery first = mailer.Send(path, Client("ada@example.test", "Ada"), "One");
-  Delivery second = mailer.Send(path, Client("alan@example.test", "Alan"), "Two");
+  Delivery first = mailer.Send(path, *Client("ada@example.test", "Ada"), "One");
+  Delivery second = mailer.Send(path, *Client("alan@example.test", "Alan"), "Two");
   mailer.Close();
   EXPECT_EQ(first.outcome.kind, smtp::OutcomeKind::kAccepted) << first.outcome.reason;
   EXPECT_EQ(second.outcome.kind, smtp::OutcomeKind::kAccepted) << second.outcome.reason;
@@ -65,7 +65,7 @@ TEST(Mailer, AMailAccountLineSendsThroughThatAccount) {
                   if (email == "sales@example.test") return other;
                   return std::nullopt;
                 });
-  Delivery d = mailer.Send(path, Client("ada@example.test", "Ada"), "Hi");
+  Delivery d = mailer.Send(path, *Client("ada@example.test", "Ada"), "Hi");
   mailer.Close();
   EXPECT_EQ(d.outcome.kind, smtp::OutcomeKind::kAccepted) << d.outcome.reason;
   other_peer.WaitForSessions(1);
@@ -83,7 +83,7 @@ TEST(Mailer, AnUnknownMailAccountKeepsTheDefaultAccount) {
       folder, "t.txt", "[HEADER]\r\nMAILACCOUNT: nobody@example.test\r\n[/HEADER]\r\nHi\r\n");
   Mailer mailer(AccountFor(peer, "news@example.test"),
                 [](const std::string&) -> std::optional<Account> { return std::nullopt; });
-  Delivery d = mailer.Send(path, Client("ada@example.test", "Ada"), "Hi");
+  Delivery d = mailer.Send(path, *Client("ada@example.test", "Ada"), "Hi");
   mailer.Close();
   EXPECT_EQ(d.outcome.kind, smtp::OutcomeKind::kAccepted) << d.outcome.reason;
   EXPECT_EQ(peer.connections(), 1);
@@ -92,7 +92,7 @@ TEST(Mailer, AnUnknownMailAccountKeepsTheDefaultAccount) {
 TEST(Mailer, AMissingTemplateIsRefusedBeforeConnecting) {
   ScriptedSmtpPeer peer;
   Mailer mailer(AccountFor(peer, "news@example.test"));
-  Delivery d = mailer.Send("/nonexistent/quillo/t.txt", Client("ada@example.test", "Ada"), "Hi");
+  Delivery d = mailer.Send("/nonexistent/quillo/t.txt", *Client("ada@example.test", "Ada"), "Hi");
   EXPECT_EQ(d.outcome.kind, smtp::OutcomeKind::kRefused);
   EXPECT_EQ(d.outcome.code, 0);
   EXPECT_EQ(d.outcome.reason.rfind("not sent: ", 0), 0u) << d.outcome.reason;
@@ -105,7 +105,7 @@ TEST(Mailer, ALineBreakInTheSubjectIsRefusedBeforeConnecting) {
   quillo::testing::TempFolder folder;
   std::string path = WriteTemplate(folder, "t.txt", "Hi\r\n");
   Mailer mailer(AccountFor(peer, "news@example.test"));
-  Delivery d = mailer.Send(path, Client("ada@example.test", "Ada"), "Hi\r\nBcc: eve@example.test");
+  Delivery d = mailer.Send(path, *Client("ada@example.test", "Ada"), "Hi\r\nBcc: eve@example.test");
   EXPECT_EQ(d.outcome.kind, smtp::OutcomeKind::kRefused);
   EXPECT_FALSE(d.outcome.reason.empty());
   mailer.Close();
@@ -123,7 +123,7 @@ TEST(Mailer, AnUnreachableServerIsATransportFailure) {
   quillo::testing::TempFolder folder;
   std::string path = WriteTemplate(folder, "t.txt", "Hi\r\n");
   Mailer mailer(account);
-  Delivery d = mailer.Send(path, Client("ada@example.test", "Ada"), "Hi");
+  Delivery d = mailer.Send(path, *Client("ada@example.test", "Ada"), "Hi");
   EXPECT_TRUE(d.transport_failed);
   EXPECT_EQ(d.outcome.kind, smtp::OutcomeKind::kFailed);
   EXPECT_FALSE(d.outcome.reason.empty());
@@ -133,7 +133,7 @@ TEST(Mailer, ComposeBuildsTheMessageWithoutConnecting) {
   quillo::testing::TempFolder folder;
   std::string path =
       WriteTemplate(folder, "t.txt", "[HEADER]\nReplace: FIRST\n[/HEADER]\nHi <!--FIRST-->\n");
-  mail::ComposedMessage m = Mailer::Compose(path, Client("ada@example.test", "Ada"),
+  mail::ComposedMessage m = Mailer::Compose(path, *Client("ada@example.test", "Ada"),
                                             "Hello <!--FIRST-->", {"News", "news@example.test"});
   EXPECT_NE(m.data.find("Subject: Hello Ada\r\n"), std::string::npos) << m.data;
   EXPECT_NE(m.data.find("Hi Ada\r\n"), std::string::npos) << m.data;

@@ -116,6 +116,8 @@ void Respond(PeerConnection& c, const PeerReplies& replies) {
       c.Send(replies.data);
       if (!c.ReadData()) return;
       c.Send(replies.after_data);
+    } else if (verb == "RSET") {
+      c.Send("250 2.0.0 Ok\r\n");
     } else if (verb == "QUIT") {
       c.Send(replies.quit);
       c.WaitForClose(std::chrono::seconds(2));
