@@ -167,7 +167,10 @@ std::string Phrase(std::string_view name, size_t used, bool raw_utf8) {
 }
 
 struct Writer {
-  const WireFeatures& features;
+  // Raw UTF-8 in header fields: only for a message that must travel with
+  // SMTPUTF8 anyway (an address with a non-ASCII local part); encoded words
+  // read everywhere otherwise.
+  bool utf8;
   bool used_utf8 = false;  // A header field holds raw UTF-8.
   std::string out;
 
@@ -183,11 +186,11 @@ struct Writer {
   // unless raw UTF-8 may go.
   std::string Address(std::string_view what, const std::string& address) {
     CheckHeaderText(what, address);
-    if (auto problem = MailboxProblem(address, features.smtputf8)) {
+    if (auto problem = MailboxProblem(address, utf8)) {
       throw ComposeError(std::string(what) + " '" + address +
                          "' is not a valid address: " + *problem);
     }
-    return features.smtputf8 ? address : DomainToAscii(address);
+    return utf8 ? address : DomainToAscii(address);
   }
 
   void MailboxField(std::string_view name, std::string_view what, const Mailbox& box) {
@@ -195,7 +198,7 @@ struct Writer {
     CheckHeaderText(std::string(what) + "'s name", box.name);
     std::string value;
     if (!box.name.empty()) {
-      value = Phrase(box.name, name.size() + 2, features.smtputf8);
+      value = Phrase(box.name, name.size() + 2, utf8);
       value += LastLineLength(value) + name.size() + address.size() + 5 > kFoldAt ? "\r\n <" : " <";
       value += address + ">";
     } else {
@@ -552,7 +555,16 @@ std::string QuotedPrintable(std::string_view bytes) {
 ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
                         const ComposeOptions& options) {
   ComposedMessage result;
-  Writer w{features, false, {}};
+  auto non_ascii_local = [](const std::string& address) {
+    std::string_view local = std::string_view(address).substr(0, address.rfind('@'));
+    return !IsAscii(local);
+  };
+  bool utf8 = non_ascii_local(draft.from.address) || non_ascii_local(draft.to.address);
+  if (utf8 && !features.smtputf8) {
+    throw ComposeError("an address has a non-ASCII local part and the server does not offer "
+                       "SMTPUTF8");
+  }
+  Writer w{utf8, false, {}};
 
   // Header fields first: any that cannot be written ends here, before the
   // files are read.
@@ -561,7 +573,7 @@ ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
   w.MailboxField("From", "the sender", draft.from);
   w.MailboxField("To", "the recipient", draft.to);
   CheckHeaderText("the subject", draft.subject);
-  w.Field("Subject", UnstructuredValue(draft.subject, 9, features.smtputf8));
+  w.Field("Subject", UnstructuredValue(draft.subject, 9, utf8));
   std::string domain(DomainOf(w.Address("the sender", draft.from.address)));
   result.message_id = "<" + RandomHex(16) + "@" + domain + ">";
   w.Field("Message-ID", result.message_id);
@@ -572,7 +584,7 @@ ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
   for (const auto& [name, value] : draft.headers) {
     CheckFieldName(name);
     CheckHeaderText("the header field '" + name + "'", value);
-    w.Field(name, UnstructuredValue(value, name.size() + 2, features.smtputf8));
+    w.Field(name, UnstructuredValue(value, name.size() + 2, utf8));
   }
   if (draft.content_type != "text/plain" && draft.content_type != "text/html") {
     throw ComposeError("the body's type '" + draft.content_type +

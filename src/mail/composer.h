@@ -4,8 +4,10 @@
 // The message has Date (with zone), a Message-ID unique per message
 // ("<random@sender-domain>"), From and To with display names, Subject,
 // MIME-Version and "X-Mailer: quillo <version>", then the draft's own header
-// fields. Non-ASCII header text becomes RFC 2047 encoded words, unless the
-// server offers SMTPUTF8, and every header line is folded at 78 characters
+// fields. Non-ASCII header text becomes RFC 2047 encoded words; raw UTF-8
+// goes only in a message that needs SMTPUTF8 anyway (an address with a
+// non-ASCII local part, which the server must then offer). Every header line
+// is folded at 78 characters
 // and never exceeds 998. Text parts say charset=utf-8 and go out 7bit when
 // that is exact, 8bit only when the server offers 8BITMIME, and
 // quoted-printable otherwise; files go out in base64 with RFC 2231 names.

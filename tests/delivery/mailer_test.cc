@@ -71,7 +71,7 @@ TEST(Mailer, AMailAccountLineSendsThroughThatAccount) {
   other_peer.WaitForSessions(1);
   EXPECT_EQ(default_peer.connections(), 0);
   ASSERT_EQ(other_peer.Sessions().size(), 1u);
-  const std::string& data = other_peer.Sessions()[0].data;
+  const std::string data = other_peer.Sessions()[0].data;
   EXPECT_NE(data.find("From: News <sales@example.test>"), std::string::npos) << data;
   EXPECT_EQ(data.find("MAILACCOUNT"), std::string::npos) << data;
 }

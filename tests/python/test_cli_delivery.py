@@ -241,9 +241,11 @@ def test_a_closed_connection_is_a_clear_failure(cli):
 def many_clients(cli, n):
     """A campaign with one item due on enrolment, and `n` enrolled clients."""
     clients = cli.folder / "clients.csv"
-    clients.write_text("".join("c%04d@example.test,First%d,Last\n" % (i, i) for i in range(n)))
+    clients.write_text("email,first,last\n" +
+                       "".join("c%04d@example.test,First%d,Last\n" % (i, i) for i in range(n)))
     enrolments = cli.folder / "enrol.csv"
-    enrolments.write_text("".join("c%04d@example.test,2026-03-01\n" % i for i in range(n)))
+    enrolments.write_text("email,date\n" +
+                          "".join("c%04d@example.test,2026-03-01\n" % i for i in range(n)))
     path = cli.folder / "item.txt"
     path.write_bytes(b"[HEADER]\r\nReplace: FIRST\r\n[/HEADER]\r\nHi <!--FIRST-->\r\n")
     cli.run("campaign", "add", "--name", "Drip", "--type", "1")
@@ -253,6 +255,7 @@ def many_clients(cli, n):
     cli.run("enrol", "import", "--campaign", "Drip", str(enrolments))
     queue = cli.folder / "q.txt"
     cli.run("run", "--campaign", "Drip", "--date", "2026-03-01", "--queue", str(queue), "-q")
+    assert cli.out("queue", "count", str(queue)).strip() == str(n)
     return queue
 
 

@@ -1,0 +1,366 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "smtp/reply.h"
+#include "smtp/session.h"
+#include "support/scripted_smtp_peer.h"
+
+namespace quillo::smtp {
+namespace {
+
+using quillo::testing::PeerConnection;
+using quillo::testing::PeerReplies;
+using quillo::testing::ScriptedSmtpPeer;
+
+SessionOptions Options(const ScriptedSmtpPeer& peer) {
+  SessionOptions o;
+  o.host = "127.0.0.1";
+  o.port = peer.port();
+  o.tls = TlsMode::kOpportunistic;
+  o.helo_name = "mta.example.test";
+  return o;
+}
+
+Envelope To(const std::string& recipient) { return {"news@example.test", {recipient}}; }
+
+const char* kMessage = "Subject: hi\r\n\r\nHello\r\n";
+
+bool Has(const std::vector<std::string>& commands, const std::string& command) {
+  return std::find(commands.begin(), commands.end(), command) != commands.end();
+}
+
+TEST(ModernSession, MailFromHasNoBlankAfterTheColon) {
+  ScriptedSmtpPeer peer;
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kAccepted) << o.reason;
+  peer.WaitForSessions(1);
+  const auto commands = peer.Sessions()[0].commands;
+  EXPECT_TRUE(Has(commands, "EHLO mta.example.test"));
+  EXPECT_TRUE(Has(commands, "MAIL FROM:<news@example.test>"));
+  EXPECT_TRUE(Has(commands, "RCPT TO:<ada@example.test>"));
+  EXPECT_EQ(o.code, 250);
+  EXPECT_EQ(o.enhanced, "2.0.0");
+}
+
+TEST(ModernSession, EhloGivesAFullyQualifiedNameOrAnAddressLiteral) {
+  ScriptedSmtpPeer peer;
+  SessionOptions options = Options(peer);
+  options.helo_name.clear();
+  Session session(options);
+  EXPECT_EQ(session.Send(To("ada@example.test"), kMessage).kind, OutcomeKind::kAccepted);
+  session.Close();
+  peer.WaitForSessions(1);
+  std::string ehlo = peer.Sessions()[0].commands.at(0);
+  ASSERT_EQ(ehlo.rfind("EHLO ", 0), 0u);
+  std::string name = ehlo.substr(5);
+  EXPECT_TRUE(name == "[127.0.0.1]" || (name.find('.') != std::string::npos && name[0] != '['))
+      << name;
+  EXPECT_NE(name, "0.0.1");
+}
+
+TEST(ModernSession, HeloFallbackGivesTheSameName) {
+  PeerReplies replies;
+  replies.ehlo = "502 5.5.1 EHLO not implemented\r\n";
+  ScriptedSmtpPeer peer(replies);
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kAccepted) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "HELO mta.example.test"));
+  EXPECT_FALSE(session.capabilities().esmtp);
+}
+
+TEST(ModernSession, NoDataAfterEveryRecipientWasRefused) {
+  PeerReplies replies;
+  replies.rcpt = "550 5.1.1 <ada@example.test>: Recipient address rejected\r\n";
+  ScriptedSmtpPeer peer(replies);
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kRefused);
+  EXPECT_EQ(o.code, 550);
+  EXPECT_EQ(o.enhanced, "5.1.1");
+  EXPECT_NE(o.reason.find("RCPT TO refused"), std::string::npos) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_FALSE(Has(peer.Sessions()[0].commands, "DATA"));
+}
+
+TEST(ModernSession, NoDataAfterEveryRecipientWasRefusedWhilePipelining) {
+  PeerReplies replies;
+  replies.ehlo = "250-peer.test\r\n250-PIPELINING\r\n250 8BITMIME\r\n";
+  replies.rcpt = "550 5.1.1 unknown\r\n";
+  ScriptedSmtpPeer peer(replies);
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kRefused);
+  EXPECT_TRUE(session.Transcript().end() ==
+              std::find(session.Transcript().begin(), session.Transcript().end(), "DATA"));
+  peer.WaitForSessions(1);
+  EXPECT_FALSE(Has(peer.Sessions()[0].commands, "DATA"));
+}
+
+TEST(ModernSession, DotStuffingKeepsLoneDotsAndLeadingDots) {
+  ScriptedSmtpPeer peer;
+  Session session(Options(peer));
+  Outcome o =
+      session.Send(To("ada@example.test"), "Subject: x\r\n\r\n.\r\n.x\r\nRCPT TO:<e@x>\r\n");
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kAccepted) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_EQ(peer.Sessions()[0].data, "Subject: x\r\n\r\n..\r\n..x\r\nRCPT TO:<e@x>\r\n.\r\n");
+}
+
+TEST(ModernSession, SeveralMessagesShareOneConnectionWithRsetBetween) {
+  ScriptedSmtpPeer peer;
+  Session session(Options(peer));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(session.Send(To("ada@example.test"), kMessage).kind, OutcomeKind::kAccepted);
+  }
+  session.Close();
+  peer.WaitForSessions(1);
+  EXPECT_EQ(peer.connections(), 1);
+  const auto commands = peer.Sessions()[0].commands;
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), "RSET"), 2);
+}
+
+TEST(ModernSession, TheCapOnMessagesPerConnectionOpensANewOne) {
+  ScriptedSmtpPeer peer;
+  SessionOptions options = Options(peer);
+  options.max_messages_per_connection = 2;
+  Session session(options);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(session.Send(To("ada@example.test"), kMessage).kind, OutcomeKind::kAccepted);
+  }
+  session.Close();
+  peer.WaitForSessions(2);
+  EXPECT_EQ(peer.connections(), 2);
+}
+
+TEST(ModernSession, A421MidRunIsFollowedByAReconnect) {
+  std::atomic<int> connection{0};
+  ScriptedSmtpPeer peer([&](PeerConnection& c) {
+    int n = ++connection;
+    PeerReplies replies;
+    if (n == 1) {
+      // The first connection takes one message, then the server goes away.
+      c.Send(replies.greeting);
+      for (int messages = 0;;) {
+        auto line = c.ReadLine();
+        if (!line) return;
+        if (line->rfind("EHLO", 0) == 0) c.Send(replies.ehlo);
+        if (line->rfind("MAIL", 0) == 0) c.Send(replies.mail);
+        if (line->rfind("RCPT", 0) == 0) c.Send(replies.rcpt);
+        if (line->rfind("RSET", 0) == 0) {
+          c.Send("421 4.3.2 Service shutting down\r\n");
+          return;
+        }
+        if (*line == "DATA") {
+          c.Send(replies.data);
+          c.ReadData();
+          c.Send(replies.after_data);
+          ++messages;
+        }
+      }
+    }
+    quillo::testing::Respond(c, replies);
+  });
+  Session session(Options(peer));
+  EXPECT_EQ(session.Send(To("ada@example.test"), kMessage).kind, OutcomeKind::kAccepted);
+  Outcome second = session.Send(To("alan@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(second.kind, OutcomeKind::kAccepted) << second.reason;
+  peer.WaitForSessions(2);
+  EXPECT_EQ(peer.connections(), 2);
+  EXPECT_TRUE(Has(peer.Sessions()[1].commands, "RCPT TO:<alan@example.test>"));
+}
+
+TEST(ModernSession, AClosedConnectionIsNoticedAtOnce) {
+  ScriptedSmtpPeer peer([](PeerConnection& c) {
+    PeerReplies replies;
+    c.Send(replies.greeting);
+    c.ReadLine();  // EHLO
+    c.Send(replies.ehlo);
+    c.ReadLine();  // MAIL: the server goes away without a word.
+  });
+  SessionOptions options = Options(peer);  // Standard timeouts: minutes.
+  Session session(options);
+  auto start = std::chrono::steady_clock::now();
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(o.kind, OutcomeKind::kFailed);
+  EXPECT_NE(o.reason.find("closed the connection"), std::string::npos) << o.reason;
+  EXPECT_LT(took, std::chrono::seconds(30));  // Not the five-minute reply timeout.
+  EXPECT_FALSE(session.IsOpen());
+}
+
+TEST(ModernSession, AuthIsNotSentWithoutTls) {
+  ScriptedSmtpPeer peer;  // Offers AUTH LOGIN, no STARTTLS.
+  SessionOptions options = Options(peer);
+  options.user = "mailer";
+  options.password = "s3cret";
+  Session session(options);
+  Outcome o = session.Open();
+  EXPECT_EQ(o.kind, OutcomeKind::kFailed);
+  EXPECT_NE(o.reason.find("without TLS"), std::string::npos) << o.reason;
+  EXPECT_EQ(o.reason.find("s3cret"), std::string::npos);
+  peer.WaitForSessions(1);
+  const auto commands = peer.Sessions()[0].commands;
+  for (const auto& command : commands) {
+    EXPECT_EQ(command.rfind("AUTH", 0), std::string::npos) << command;
+  }
+}
+
+TEST(ModernSession, AuthInClearWhenAllowedUsesLoginAndKeepsThePasswordOutOfTheTranscript) {
+  ScriptedSmtpPeer peer;
+  SessionOptions options = Options(peer);
+  options.user = "mailer";
+  options.password = "s3cret";
+  options.allow_plaintext_auth = true;
+  Session session(options);
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kAccepted) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "AUTH LOGIN"));
+  for (const auto& line : session.Transcript()) {
+    EXPECT_EQ(line.find("czNjcmV0"), std::string::npos) << line;  // base64 of the password
+  }
+}
+
+TEST(ModernSession, TlsRequiredWithoutStarttlsOfferedSendsNothing) {
+  ScriptedSmtpPeer peer;
+  SessionOptions options = Options(peer);
+  options.tls = TlsMode::kRequired;
+  Session session(options);
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  EXPECT_EQ(o.kind, OutcomeKind::kFailed);
+  EXPECT_NE(o.reason.find("STARTTLS"), std::string::npos) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_FALSE(Has(peer.Sessions()[0].commands, "MAIL FROM:<news@example.test>"));
+}
+
+TEST(ModernSession, EightBitBodiesSayBody8BitMimeWhenOffered) {
+  ScriptedSmtpPeer peer;  // Offers 8BITMIME.
+  Session session(Options(peer));
+  Envelope e = To("ada@example.test");
+  e.body_8bitmime = true;
+  EXPECT_EQ(session.Send(e, kMessage).kind, OutcomeKind::kAccepted);
+  session.Close();
+  peer.WaitForSessions(1);
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "MAIL FROM:<news@example.test> BODY=8BITMIME"));
+}
+
+TEST(ModernSession, EightBitBodiesAreRefusedWhenTheServerLacks8BitMime) {
+  PeerReplies replies;
+  replies.ehlo = "250-peer.test\r\n250 PIPELINING\r\n";
+  ScriptedSmtpPeer peer(replies);
+  Session session(Options(peer));
+  Envelope e = To("ada@example.test");
+  e.body_8bitmime = true;
+  Outcome o = session.Send(e, kMessage);
+  EXPECT_EQ(o.kind, OutcomeKind::kRefused);
+  EXPECT_NE(o.reason.find("8BITMIME"), std::string::npos);
+}
+
+TEST(ModernSession, SmtpUtf8IsGivenWhenOfferedAndNeeded) {
+  PeerReplies replies;
+  replies.ehlo = "250-peer.test\r\n250-SMTPUTF8\r\n250 8BITMIME\r\n";
+  ScriptedSmtpPeer peer(replies);
+  Session session(Options(peer));
+  Envelope e{"news@example.test", {"zoë@example.test"}, false, true};
+  EXPECT_EQ(session.Send(e, kMessage).kind, OutcomeKind::kAccepted);
+  session.Close();
+  peer.WaitForSessions(1);
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "MAIL FROM:<news@example.test> SMTPUTF8"));
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "RCPT TO:<zoë@example.test>"));
+}
+
+TEST(ModernSession, NonAsciiDomainsGoAsALabelsWithoutSmtpUtf8) {
+  ScriptedSmtpPeer peer;
+  Session session(Options(peer));
+  EXPECT_EQ(session.Send(To("ada@bücher.example"), kMessage).kind, OutcomeKind::kAccepted);
+  Outcome o = session.Send(To("zoë@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kRefused);
+  EXPECT_NE(o.reason.find("SMTPUTF8"), std::string::npos) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "RCPT TO:<ada@xn--bcher-kva.example>"));
+}
+
+TEST(ModernSession, AnAddressWithALineBreakIsRefusedBeforeAnythingIsSent) {
+  ScriptedSmtpPeer peer;
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test>\r\nRCPT TO:<eve@example.test"), kMessage);
+  EXPECT_EQ(o.kind, OutcomeKind::kRefused);
+  EXPECT_EQ(o.reason.rfind("not sent:", 0), 0u) << o.reason;
+  EXPECT_EQ(peer.connections(), 0);
+}
+
+TEST(ModernSession, EveryOutcomeHasAReason) {
+  PeerReplies replies;
+  replies.after_data = "451 4.3.0 try later\r\n";
+  ScriptedSmtpPeer peer(replies);
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kDeferred);
+  EXPECT_EQ(o.enhanced, "4.3.0");
+  EXPECT_FALSE(o.reason.empty());
+  EXPECT_STREQ(OutcomeName(o.kind), "deferred");
+}
+
+TEST(ReplyParser, JoinsMultiLineRepliesAndReadsTheEnhancedCode) {
+  ReplyParser parser;
+  parser.Feed("250-mail.example.test\r\n250-PIPELINING\r\n");
+  EXPECT_FALSE(parser.Next());
+  parser.Feed("250 2.0.0 OK\r\n554 5.7.1 ");
+  auto reply = parser.Next();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->code, 250);
+  EXPECT_EQ(reply->lines.size(), 3u);
+  EXPECT_EQ(reply->enhanced, "");
+  EXPECT_FALSE(parser.Next());
+  parser.Feed("denied\r\n");
+  reply = parser.Next();
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->enhanced, "5.7.1");
+  EXPECT_EQ(reply->Text(), "554 5.7.1 denied");
+}
+
+TEST(ReplyParser, MarksBrokenRepliesMalformed) {
+  ReplyParser parser;
+  parser.Feed("hello there\r\n250-a\r\n251 b\r\n");
+  auto first = parser.Next();
+  ASSERT_TRUE(first);
+  EXPECT_TRUE(first->malformed);
+  auto second = parser.Next();
+  ASSERT_TRUE(second);
+  EXPECT_TRUE(second->malformed);  // The code changed within one reply.
+}
+
+TEST(ReplyParser, CutsEndlessLines) {
+  ReplyParser parser;
+  parser.Feed(std::string(ReplyParser::kMaxLineLength + 10, '2'));
+  auto reply = parser.Next();
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->malformed);
+}
+
+TEST(ReplyParser, TakesAnEnhancedCodeOnlyOfTheRepliesClass) {
+  EXPECT_EQ(EnhancedStatusCode("5.1.1 unknown", 550), "5.1.1");
+  EXPECT_EQ(EnhancedStatusCode("4.1.1 unknown", 550), "");
+  EXPECT_EQ(EnhancedStatusCode("5.1 unknown", 550), "");
+  EXPECT_EQ(EnhancedStatusCode("2.0.0", 250), "2.0.0");
+}
+
+}  // namespace
+}  // namespace quillo::smtp
