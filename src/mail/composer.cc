@@ -499,9 +499,20 @@ std::string EncodeWords(std::string_view text, size_t first_line_used) {
     }
     size_t bytes = (room - 12) / 4 * 3;
     size_t end = std::min(text.size(), i + bytes);
-    // Never split a UTF-8 sequence between two words.
-    while (end < text.size() && end > i && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80) {
-      --end;
+    // Never split a UTF-8 sequence between two words, and end every word but
+    // the last on a multiple of three bytes: some readers join adjacent words
+    // before decoding, and padding in the middle would cut the text there.
+    auto boundary = [&](size_t at) {
+      return at >= text.size() || (static_cast<unsigned char>(text[at]) & 0xc0) != 0x80;
+    };
+    if (end < text.size()) {
+      size_t even = end;
+      while (even > i && ((even - i) % 3 != 0 || !boundary(even))) --even;
+      if (even > i) {
+        end = even;
+      } else {
+        while (end > i && !boundary(end)) --end;
+      }
     }
     if (!first) {
       out += ' ';
@@ -561,8 +572,9 @@ ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
   };
   bool utf8 = non_ascii_local(draft.from.address) || non_ascii_local(draft.to.address);
   if (utf8 && !features.smtputf8) {
-    throw ComposeError("an address has a non-ASCII local part and the server does not offer "
-                       "SMTPUTF8");
+    throw ComposeError(
+        "an address has a non-ASCII local part and the server does not offer "
+        "SMTPUTF8");
   }
   Writer w{utf8, false, {}};
 

@@ -156,7 +156,7 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
   TemplateDraft result;
   Draft& d = result.draft;
   d.from = from;
-  d.to = {NameLine(FieldsOf(client)), client.Email()};
+  d.to = {Trim(NameLine(FieldsOf(client))), client.Email()};
 
   ClientFields fields = FieldsOf(client);
   Date now = Now();

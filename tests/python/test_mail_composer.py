@@ -1,0 +1,221 @@
+"""Our message composer over a corpus of hostile content, read back by two
+independent MIME parsers: Python's `email` (policy.default) and GMime (the
+gmime_check program). For every case the message either parses with zero
+defects into exactly the intended body and files, byte for byte, or is
+refused up front with a clear reason."""
+import email
+import email.policy
+import hashlib
+import os
+import subprocess
+
+import pytest
+
+_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+_BUILD = os.environ.get("QUILLO_BUILD_DIR") or os.path.join(_ROOT, "build", "release")
+GMIME_CHECK = os.path.join(_BUILD, "tests", "gmime_check")
+
+
+def client(quillo, first="Ada", last="Lovelace", address="ada@example.test"):
+    c = quillo.CreateObject("dmclients")
+    c.First = first
+    c.Last = last
+    c.Email = address
+    return c
+
+
+def compose(quillo, tmp_path, template, *, name="t.txt", subject="Hello", who=None,
+            sender="news@quillo.example", sender_name="Quillo News", files=None):
+    for file_name, data in (files or {}).items():
+        (tmp_path / file_name).write_bytes(data)
+    path = tmp_path / name
+    path.write_bytes(template if isinstance(template, bytes) else template.encode())
+    raw = quillo.compose_message(str(path), who or client(quillo), subject,
+                                 from_address=sender, from_name=sender_name)
+    return raw
+
+
+def crlf(text):
+    return text.replace("\r\n", "\n").replace("\n", "\r\n")
+
+
+def check_both_parsers(tmp_path, raw, body, files=()):
+    """Both parsers report no defects; the text part and the files decode to
+    `body` and `files` ((name, bytes) pairs) exactly."""
+    for line in raw.split(b"\r\n"):
+        assert len(line) <= 998
+    header_block = raw.split(b"\r\n\r\n", 1)[0]
+    for line in header_block.split(b"\r\n"):
+        assert len(line) <= 78, line
+    assert b"\n" not in raw.replace(b"\r\n", b"")
+    assert b"\r" not in raw.replace(b"\r\n", b"")
+
+    message = email.message_from_bytes(raw, policy=email.policy.default)
+    assert message.defects == []
+    leaves = [p for p in message.walk() if not p.is_multipart()]
+    for part in message.walk():
+        assert part.defects == [], part.defects
+    text_parts = [p for p in leaves if p.get_filename() is None]
+    assert len(text_parts) == 1
+    assert text_parts[0].get_content_charset() == "utf-8"
+    assert text_parts[0].get_content() == crlf(body)
+    got_files = [(p.get_filename(), p.get_payload(decode=True)) for p in leaves
+                 if p.get_filename()]
+    assert got_files == list(files)
+
+    if not os.path.exists(GMIME_CHECK):
+        pytest.fail("gmime_check is not built: " + GMIME_CHECK)
+    message_file = tmp_path / "message.eml"
+    message_file.write_bytes(raw)
+    out = subprocess.run([GMIME_CHECK, str(message_file)], capture_output=True, text=True,
+                         timeout=60, check=True).stdout.splitlines()
+    assert [l for l in out if l.startswith("warning")] == []
+    parts = [l.split(" ", 4) for l in out if l.startswith("part ")]
+    body_hash = hashlib.sha256(crlf(body).encode()).hexdigest()
+    assert [p[1] for p in parts if p[4] == "-"] == [body_hash]
+    assert [(p[4], p[1]) for p in parts if p[4] != "-"] == [
+        (n, hashlib.sha256(d).hexdigest()) for n, d in files]
+    return message, out
+
+
+def test_lone_dots_and_dot_lines_are_plain_text(quillo, tmp_path):
+    body = "first\r\n.\r\n.x\r\n..\r\nlast\r\n"
+    raw = compose(quillo, tmp_path, body)
+    check_both_parsers(tmp_path, raw, body)
+
+
+def test_a_line_that_looks_like_a_boundary_stays_in_the_body(quillo, tmp_path):
+    body = "a\r\n--=_quillo_0123456789abcdef01234567\r\n--boundary--\r\nb\r\n"
+    raw = compose(quillo, tmp_path, "[HEADER]\r\nAttach: a.bin\r\n[/HEADER]\r\n" + body,
+                  files={"a.bin": b"\x00\x01"})
+    check_both_parsers(tmp_path, raw, body, [("a.bin", b"\x00\x01")])
+
+
+def test_boundaries_differ_between_messages_made_in_the_same_second(quillo, tmp_path):
+    template = "[HEADER]\r\nAttach: a.bin\r\n[/HEADER]\r\nhi\r\n"
+    first = compose(quillo, tmp_path, template, files={"a.bin": b"x"})
+    second = compose(quillo, tmp_path, template, files={"a.bin": b"x"})
+    b1 = email.message_from_bytes(first, policy=email.policy.default).get_boundary()
+    b2 = email.message_from_bytes(second, policy=email.policy.default).get_boundary()
+    assert b1 and b2 and b1 != b2
+    id1 = email.message_from_bytes(first, policy=email.policy.default)["Message-ID"]
+    id2 = email.message_from_bytes(second, policy=email.policy.default)["Message-ID"]
+    assert id1 != id2
+
+
+def test_a_2000_character_line_is_wrapped_and_restored(quillo, tmp_path):
+    body = "x" * 2000 + "\r\n" + "y " * 700 + "\r\n"
+    raw = compose(quillo, tmp_path, body)
+    assert b"quoted-printable" in raw
+    check_both_parsers(tmp_path, raw, body)
+
+
+def test_non_ascii_names_subjects_bodies_and_emoji(quillo, tmp_path):
+    body = "Grüße, Zoë! 🎉 — ça va?\r\n"
+    who = client(quillo, first="Zoë", last="Ñúñez", address="zoe@example.test")
+    raw = compose(quillo, tmp_path, "[HEADER]\r\nReplace: FIRST\r\n[/HEADER]\r\n" + body,
+                  who=who, subject="Für <!--FIRST--> ✉ " + "ü" * 60, sender_name="Büro Süd")
+    message, gmime = check_both_parsers(tmp_path, raw, body)
+    assert message["Subject"] == "Für Zoë ✉ " + "ü" * 60
+    assert message["To"].addresses[0].display_name == "Zoë Ñúñez"
+    assert message["From"].addresses[0].display_name == "Büro Süd"
+    assert "subject Für Zoë ✉ " + "ü" * 60 in gmime
+    assert "to Zoë Ñúñez zoe@example.test" in gmime
+    assert raw.isascii()
+
+
+def test_non_ascii_and_odd_file_names(quillo, tmp_path):
+    files = {"prix été.pdf": b"%PDF-1.4\x00\xff", "\"quoted\"; name.txt": "déjà vu\n".encode(),
+             "ﬁle_" + "ü" * 40 + ".bin": b""}
+    header = "".join("Attach: %s\r\n" % n for n in files)
+    raw = compose(quillo, tmp_path, "[HEADER]\r\n" + header + "[/HEADER]\r\nSee the files.\r\n",
+                  files=files)
+    check_both_parsers(tmp_path, raw, "See the files.\r\n", list(files.items()))
+
+
+def test_inline_parts_sit_in_multipart_related_with_a_content_id(quillo, tmp_path):
+    gif = b"GIF89a\x01\x00\x01\x00\x00\x00\x00;"
+    raw = compose(quillo, tmp_path,
+                  "[HEADER]\r\nInline: logo.gif, logo01\r\n[/HEADER]\r\n<img src=\"cid:logo01\">\r\n",
+                  name="t.html", files={"logo.gif": gif})
+    message, gmime = check_both_parsers(tmp_path, raw, "<img src=\"cid:logo01\">\r\n",
+                                        [("logo.gif", gif)])
+    assert message.get_content_type() == "multipart/related"
+    parts = list(message.iter_parts())
+    assert parts[0].get_content_type() == "text/html"
+    assert parts[1]["Content-ID"] == "<logo01>"
+    assert any("logo01" in line for line in gmime)
+
+
+def test_lf_only_templates_read_like_crlf_ones(quillo, tmp_path):
+    lf = compose(quillo, tmp_path, "[HEADER]\nReplace: FIRST\nX-Tag: spring\n[/HEADER]\nHi <!--FIRST-->\nbye\n")
+    message, _ = check_both_parsers(tmp_path, lf, "Hi Ada\r\nbye\r\n")
+    assert message["X-Tag"] == "spring"
+
+
+@pytest.mark.parametrize("field, value", [
+    ("first", "Eve\r\nBcc: victim@example.test"),
+    ("first", "Eve\n.\nMAIL FROM:<x@y>"),
+    ("last", "Mallory\rX-Injected: 1"),
+    ("address", "ada@example.test\r\nBcc: victim@example.test"),
+    ("address", "ada@example.test>\r\n.\r\nRCPT TO:<victim@example.test"),
+    ("address", "not-an-email"),
+    ("address", "a b@c.test"),
+])
+def test_line_breaks_and_bad_addresses_in_client_fields_are_refused(quillo, tmp_path, field,
+                                                                    value):
+    who = client(quillo, **{field: value})
+    with pytest.raises(ValueError) as refused:
+        compose(quillo, tmp_path, "Hi\r\n", who=who)
+    assert "recipient" in str(refused.value)
+
+
+@pytest.mark.parametrize("subject", ["Hi\r\nBcc: victim@example.test", "a\r\n.\r\nQUIT",
+                                     "Hi <!--FIRST-->"])
+def test_line_breaks_in_the_subject_are_refused(quillo, tmp_path, subject):
+    who = client(quillo, first="Eve\r\nBcc: victim@example.test")
+    with pytest.raises(ValueError) as refused:
+        compose(quillo, tmp_path, "Hi\r\n", subject=subject, who=who)
+    assert "line break" in str(refused.value)
+
+
+@pytest.mark.parametrize("template, reason", [
+    ("[HEADER]\r\n: x\r\n[/HEADER]\r\nbody\r\n", "t.txt:2: a header line has no name"),
+    ("[HEADER]\r\nReplace: FIRST\r\nbody without end\r\n", "t.txt:1: \"[HEADER]\" has no closing"),
+    ("[HEADER]\r\nInline: logo.gif\r\n[/HEADER]\r\nbody\r\n", "t.txt:2: an Inline line needs"),
+    ("[HEADER]\r\nReplace: NOSUCH\r\n[/HEADER]\r\nbody\r\n", "t.txt:2: Replace names no known"),
+    ("[HEADER]\r\nX-Bad Name: 1\r\n[/HEADER]\r\nbody\r\n", "X-Bad Name"),
+    ("[HEADER]\r\nBcc: victim@example.test\r\n[/HEADER]\r\nbody\r\n", "Bcc"),
+    ("[HEADER]\r\nAttach: missing.pdf\r\n[/HEADER]\r\nbody\r\n", "missing.pdf"),
+])
+def test_malformed_templates_are_refused_with_file_and_line(quillo, tmp_path, template, reason):
+    with pytest.raises(ValueError) as refused:
+        compose(quillo, tmp_path, template)
+    assert reason in str(refused.value)
+
+
+def test_control_parameters_never_become_header_fields(quillo, tmp_path):
+    template = ("[HEADER]\r\nMAILACCOUNT: other@quillo.example\r\nTIMEOUT: 5\r\n"
+                "X-MAILER: old\r\nSUBJECT: From the template, <!--FIRST-->\r\n"
+                "REPLY-TO: help@quillo.example\r\nX-PRIORITY: 1\r\n[/HEADER]\r\nbody\r\n")
+    raw = compose(quillo, tmp_path, template)
+    message, _ = check_both_parsers(tmp_path, raw, "body\r\n")
+    assert message["MAILACCOUNT"] is None and message["TIMEOUT"] is None
+    assert message["X-Mailer"].startswith("quillo ")
+    assert message["Subject"] == "From the template, Ada"
+    assert message["Reply-To"] == "help@quillo.example"
+    assert message["X-Priority"] == "1"
+
+
+def test_a_body_that_is_not_utf8_is_refused(quillo, tmp_path):
+    with pytest.raises(ValueError) as refused:
+        compose(quillo, tmp_path, b"caf\xe9\r\n")
+    assert "UTF-8" in str(refused.value)
+
+
+def test_the_date_has_a_zone_and_the_message_id_the_senders_domain(quillo, tmp_path):
+    raw = compose(quillo, tmp_path, "hi\r\n")
+    message = email.message_from_bytes(raw, policy=email.policy.default)
+    assert message["Date"].datetime.tzinfo is not None
+    assert message["Message-ID"].endswith("@quillo.example>")
+    assert message["MIME-Version"] == "1.0"
