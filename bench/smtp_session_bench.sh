@@ -36,12 +36,12 @@ source_run() {
   local t
   t=$( { TIMEFORMAT='%R %U %S'; time "$WORK/postfix/usr/sbin/smtp-source" "$@" -m "$N" -l "$SIZE" \
     "127.0.0.1:$PORT" >/dev/null; } 2>&1 | tail -1)
-  awk -v n="$N" -v t="$t" 'BEGIN { split(t, a, " "); printf "%.0f %.4f", n / a[1], 1000 * (a[2] + a[3]) / n }'
+  awk -v n="$N" -v t="$t" 'BEGIN { split(t, a, " "); printf "%.0f %.4f\n", n / a[1], 1000 * (a[2] + a[3]) / n }'
 }
 # The same for our session.
 ours_run() {
   "$BUILD/bench/session_send" 127.0.0.1 "$PORT" "$N" "$SIZE" "$1" |
-    awk '{ printf "%.0f %.4f", $1 / $2, 1000 * ($3 + $4) / $1 }'
+    awk '{ printf "%.0f %.4f\n", $1 / $2, 1000 * ($3 + $4) / $1 }'
 }
 
 printf '%-14s %6s %12s %12s %14s %14s %8s %8s\n' mode round "source msg/s" "ours msg/s" \
