@@ -302,3 +302,24 @@ def test_claims_of_a_stopped_sender_are_reported_and_not_resent(cli, smtp_server
     again = send(cli, queue, server, "--resend-in-doubt")
     assert again.returncode == 0, again.stderr
     assert sorted(server.messages()) == ["ada@example.test", "alan@example.test"]
+
+
+def test_opportunistic_tls_upgrades_when_starttls_is_offered(cli, smtp_server, tmp_path):
+    cert, key = make_certificate(tmp_path)
+    # The server refuses mail on a connection that did not start TLS.
+    server = smtp_server("--starttls", "%s:%s" % (cert, key), "--require-starttls")
+    queue = campaign(cli, ["Hi"])
+    done = cli.run("send", "--queue", str(queue), "--smtp", "smtp://127.0.0.1:%d" % server.port,
+                   "--ca-file", str(cert), "--from", "news@quillo.example", "-q", check=False)
+    assert done.returncode == 0, done.stderr
+    assert list(server.messages()) == ["ada@example.test"]
+
+
+def test_tls_none_never_starts_tls(cli, smtp_server, tmp_path):
+    cert, key = make_certificate(tmp_path)
+    server = smtp_server("--starttls", "%s:%s" % (cert, key), "--require-starttls")
+    queue = campaign(cli, ["Hi"])
+    done = send(cli, queue, server, "--tls", "none")
+    assert done.returncode != 0
+    assert "530" in done.stderr  # The server wants STARTTLS, which was never sent.
+    assert server.messages() == {}

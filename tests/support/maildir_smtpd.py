@@ -12,7 +12,8 @@ ready, refuses RCPT TO for the --refuse addresses with 550, and stops by
 itself after --seconds (default 120) or on SIGTERM. With --tls it speaks
 implicit TLS (the handshake comes first, as on port 465) with the given PEM
 certificate chain and key. With --starttls it offers STARTTLS on a plain
-connection instead, with that certificate and key.
+connection instead, with that certificate and key; with --require-starttls
+as well, it refuses mail on a connection that did not start TLS.
 """
 import argparse
 import mailbox
@@ -47,6 +48,7 @@ def main():
     p.add_argument("--auth")
     p.add_argument("--tls")
     p.add_argument("--starttls")
+    p.add_argument("--require-starttls", action="store_true")
     p.add_argument("--seconds", type=float, default=120.0)
     args = p.parse_args()
 
@@ -80,6 +82,7 @@ def main():
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(cert, key)
         kwargs["tls_context"] = context
+        kwargs["require_starttls"] = args.require_starttls
     controller = Controller(handler, hostname="127.0.0.1", port=port, **kwargs)
     controller.start()
     if args.port_file:
