@@ -252,4 +252,20 @@ std::string qoBase64::EncodeStr64(std::string_view input) const { return Base64E
 
 std::string qoBase64::DecodeStr64(std::string_view encoded) const { return Base64Decode(encoded); }
 
+const MemberTable& qoBase64::Members() const {
+  using B = qoBase64;
+  static const MemberTable table =
+      MemberTable::Builder<B>("qoBase64")
+          .Method("Encode", [](B& b) { b.Encode(); })
+          .Method("Decode", [](B& b) { b.Decode(); })
+          .Put("InputValue", [](B& b, std::string v) { b.InputValue(std::move(v)); })
+          .Get("OutputValue", [](B& b) { return b.OutputValue(); })
+          .Method("EncodeStr64", [](B& b, std::string v) { return b.EncodeStr64(v); })
+          .Method("DecodeStr64", [](B& b, std::string v) { return b.DecodeStr64(v); })
+          .Build();
+  return table;
+}
+
+QUILLO_REGISTER_CLASS(qoBase64, Creatable::kPrivate);
+
 }  // namespace quillo

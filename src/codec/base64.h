@@ -19,6 +19,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/object.h"
+
 namespace quillo {
 
 // Base64 of `input` with the standard alphabet ("A"-"Z", "a"-"z", "0"-"9",
@@ -43,8 +45,11 @@ void Base64EncodeTo(std::string_view input, std::string* out);
 void Base64DecodeTo(std::string_view encoded, std::string* out);
 
 // Base64 encoder and decoder with an input and an output text.
-class qoBase64 {
+class qoBase64 : public Object {
  public:
+  // The members in interface order, for hosts and tests that call by name.
+  const MemberTable& Members() const override;
+
   // Sets OutputValue to EncodeStr64(InputValue).
   void Encode();
   // Sets OutputValue to DecodeStr64(InputValue).

@@ -370,4 +370,35 @@ void qoMD5::Update(const uint8_t* data, size_t len) {
   if (len > 0) std::memcpy(buffer_.data(), data, len);
 }
 
+const MemberTable& qoMD5::Members() const {
+  using M = qoMD5;
+  static const MemberTable table =
+      MemberTable::Builder<M>("qoMD5")
+          .Method("Hash", [](M& m) { m.Hash(); })
+          .Put("InputValue", [](M& m, std::string v) { m.InputValue(std::move(v)); })
+          .Get("OutputValue", [](M& m) { return m.OutputValue(); })
+          .Get("RegisterA", [](M& m) { return m.RegisterA(); })
+          .Get("RegisterB", [](M& m) { return m.RegisterB(); })
+          .Get("RegisterC", [](M& m) { return m.RegisterC(); })
+          .Get("RegisterD", [](M& m) { return m.RegisterD(); })
+          .Method("DigestFileToHexStr",
+                  [](M& m, std::string file) { return m.DigestFileToHexStr(file); })
+          .Method("DigestStrToHexStr", [](M& m, std::string s) { return m.DigestStrToHexStr(s); })
+          .Method("GetValues", [](M& m) { return m.GetValues(); })
+          .Method("MD5Init", [](M& m) { m.MD5Init(); })
+          .Method("MD5Update",
+                  [](M& m, std::int32_t length, std::string buffer) {
+                    m.MD5Update(length, std::string_view(buffer));
+                  })
+          .Method("MD5Final", [](M& m) { m.MD5Final(); })
+          .Method("LongLeftRotate",
+                  [](M&, std::int32_t value, std::int32_t bits) {
+                    return M::LongLeftRotate(value, bits);
+                  })
+          .Build();
+  return table;
+}
+
+QUILLO_REGISTER_CLASS(qoMD5, Creatable::kPrivate);
+
 }  // namespace quillo

@@ -20,6 +20,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/object.h"
+
 namespace quillo {
 
 // The 16-byte MD5 digest of `data`.
@@ -30,8 +32,11 @@ std::string Md5Hex(std::string_view data);
 
 // MD5 digest with the RFC 1321 steps exposed (MD5Init, MD5Update, MD5Final)
 // and the state words readable between them.
-class qoMD5 {
+class qoMD5 : public Object {
  public:
+  // The members in interface order, for hosts and tests that call by name.
+  const MemberTable& Members() const override;
+
   // Starts with the initial state of MD5Init.
   qoMD5();
 
