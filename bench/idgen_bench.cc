@@ -5,11 +5,11 @@
 
 #include <string>
 
+#include "codec/md5.h"
 #include "platform/clock.h"
 #include "platform/format.h"
 #include "platform/object.h"
 #include "records/idgen.h"
-#include "codec/md5.h"
 
 namespace {
 

@@ -34,8 +34,9 @@ int main(int argc, char** argv) {
   bool reuse = std::string(argv[5]) == "reuse";
   if (!reuse) options.max_messages_per_connection = 1;
 
-  std::string message = "From: <bench@example.test>\r\nTo: <sink@example.test>\r\n"
-                        "Subject: bench\r\n\r\n";
+  std::string message =
+      "From: <bench@example.test>\r\nTo: <sink@example.test>\r\n"
+      "Subject: bench\r\n\r\n";
   while (message.size() < size) {
     message += std::string(std::min<size_t>(76, size - message.size() + 2), 'x').substr(2) + "\r\n";
   }

@@ -32,11 +32,11 @@
 #include <thread>
 #include <vector>
 
+#include "codec/base64.h"
 #include "platform/event_loop.h"
 #include "platform/tcp_socket.h"
 #include "smtp/ard_esmtp.h"
 #include "smtp/ard_esmtp_attachment.h"
-#include "codec/base64.h"
 
 namespace {
 

@@ -266,7 +266,6 @@ class StageClock {
   std::chrono::steady_clock::duration spent_[static_cast<int>(Stage::kCount)]{};
 };
 
-
 // What a send did, message by message.
 struct Tally {
   int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;

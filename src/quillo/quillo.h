@@ -17,6 +17,8 @@
 #include "campaign/dmmrktcmpitems.h"
 #include "campaign/dmmsgqueue.h"
 #include "campaign/dmsentitems.h"
+#include "codec/base64.h"
+#include "codec/md5.h"
 #include "message/dm_message.h"
 #include "message/dm_message_parm.h"
 #include "message/personalisation.h"
@@ -52,7 +54,5 @@
 #include "records/sql_statement.h"
 #include "smtp/ard_esmtp.h"
 #include "smtp/ard_esmtp_attachment.h"
-#include "codec/base64.h"
-#include "codec/md5.h"
 
 #endif  // QUILLO_QUILLO_H_

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <charconv>
 
+#include "codec/md5.h"
 #include "platform/clock.h"
 #include "platform/format.h"
-#include "codec/md5.h"
 
 namespace quillo {
 

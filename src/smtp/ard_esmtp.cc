@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "codec/base64.h"
+#include "codec/md5.h"
 #include "platform/clock.h"
 #include "platform/date.h"
 #include "platform/error.h"
@@ -12,8 +14,6 @@
 #include "platform/file.h"
 #include "platform/socket.h"
 #include "platform/text.h"
-#include "codec/base64.h"
-#include "codec/md5.h"
 
 namespace quillo {
 namespace {

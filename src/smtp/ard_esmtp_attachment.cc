@@ -10,10 +10,10 @@
 #include <cstring>
 #include <vector>
 
+#include "codec/base64.h"
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/text.h"
-#include "codec/base64.h"
 
 namespace quillo {
 namespace {

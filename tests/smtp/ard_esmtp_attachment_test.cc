@@ -7,9 +7,9 @@
 
 #include <string>
 
+#include "codec/base64.h"
 #include "platform/error.h"
 #include "smtp/ard_esmtp.h"
-#include "codec/base64.h"
 #include "support/error_matchers.h"
 #include "support/temp_folder.h"
 

@@ -8,10 +8,10 @@
 #include <sstream>
 #include <string>
 
+#include "codec/base64.h"
 #include "platform/error.h"
 #include "platform/file.h"
 #include "smtp/ard_esmtp.h"
-#include "codec/base64.h"
 #include "support/error_matchers.h"
 #include "support/temp_folder.h"
 

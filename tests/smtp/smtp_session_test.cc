@@ -7,10 +7,10 @@
 #include <memory>
 #include <string>
 
+#include "codec/base64.h"
 #include "platform/event_loop.h"
 #include "platform/tcp_socket.h"
 #include "smtp/ard_esmtp.h"
-#include "codec/base64.h"
 #include "support/error_matchers.h"
 #include "support/scripted_smtp_peer.h"
 #include "support/temp_folder.h"
