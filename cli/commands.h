@@ -75,13 +75,21 @@ struct SendOptions {
   bool timings = false;  // Print where the time of the sending loop went.
 };
 
-// Exit status of a send that ran to the end but left messages undelivered.
+// Exit status of a command that ran to the end but left part of its work
+// undone (messages not delivered, rows rejected).
 inline constexpr int kExitNotAllDelivered = 3;
 
-// Thrown (after the summary is printed) when some messages were not accepted.
-class NotAllDelivered : public CommandError {
+// Thrown after the summary is printed when the command ran to the end but
+// left part of the work undone (rows rejected by an import); exit status 3.
+class PartlyDone : public CommandError {
  public:
   using CommandError::CommandError;
+};
+
+// Thrown (after the summary is printed) when some messages were not accepted.
+class NotAllDelivered : public PartlyDone {
+ public:
+  using PartlyDone::PartlyDone;
 };
 
 void CmdInit(const GlobalOptions& g);
@@ -104,7 +112,10 @@ void CmdStatus(const GlobalOptions& g, const std::string& campaign);
 void CmdSchedule(const GlobalOptions& g, const std::string& campaign, const std::string& date);
 void CmdQueueCount(const std::string& file);
 void CmdQueueShow(const std::string& file);
-void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key);
+// Prints a row as XML; secret columns (an account's password) are masked
+// unless `with_secrets`.
+void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key,
+                     bool with_secrets);
 void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std::string& file);
 void CmdPreview(const GlobalOptions& g, const std::string& templ, const std::string& client,
                 const std::string& subject, bool compat);
@@ -130,9 +141,6 @@ struct QueuedMessage {
 
 // Every message of the queue file at `file`, in order.
 std::vector<QueuedMessage> ReadQueue(const std::string& file);
-
-// Splits one CSV line (RFC 4180 quoting) into fields.
-std::vector<std::string> SplitCsvLine(const std::string& line);
 
 }  // namespace quillo::cli
 

@@ -19,7 +19,7 @@ int Guard(const std::function<void()>& body) {
   try {
     body();
     return 0;
-  } catch (const NotAllDelivered& e) {
+  } catch (const PartlyDone& e) {
     std::fprintf(stderr, "quillo: %s\n", e.what());
     return kExitNotAllDelivered;
   } catch (const CommandError& e) {
@@ -213,7 +213,10 @@ int main(int argc, char** argv) {
   auto* r_export = record->add_subcommand("export", "Print a row as XML");
   r_export->add_option("table", table, "Table (dmclients, dmmrktcmp, ...)")->required();
   r_export->add_option("key", key, "Key (RecID, or Account for dmclients)")->required();
-  r_export->callback([&] { action = [&] { CmdRecordExport(g, table, key); }; });
+  bool with_secrets = false;
+  r_export->add_flag("--with-secrets", with_secrets,
+                     "Include secret columns (an account's password) instead of masking them");
+  r_export->callback([&] { action = [&] { CmdRecordExport(g, table, key, with_secrets); }; });
   auto* r_import = record->add_subcommand("import", "Save a row from an XML file");
   r_import->add_option("table", table, "Table")->required();
   r_import->add_option("file", xml_file, "XML file")->required();
@@ -240,6 +243,6 @@ int main(int argc, char** argv) {
   auto logger = spdlog::stderr_color_mt("quillo");
   spdlog::set_default_logger(logger);
   spdlog::set_level(g.verbose ? spdlog::level::debug : spdlog::level::warn);
-  spdlog::debug("database {}", g.db);
+  spdlog::debug("database {}", RedactConnectionText(g.db));
   return Guard(action);
 }

@@ -7,6 +7,9 @@
 #include <regex>
 
 #include "commands.h"
+#include "csv.h"
+#include "delivery/ledger.h"
+#include "mail/address.h"
 #include "platform/format.h"
 
 namespace quillo::cli {
@@ -68,61 +71,68 @@ std::string ReadPassword(const std::string& env_name) {
   return value;
 }
 
-// Reads a CSV file with a header row; returns rows as name -> value maps
-// keyed by the lower-case header.
-std::vector<std::map<std::string, std::string>> ReadCsv(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw CommandError("cannot read '" + path + "'");
-  std::string line;
+// One data row of a CSV file with a header row: its line and its fields by
+// the lower-case header name.
+struct CsvRow {
+  long line;
+  std::map<std::string, std::string> fields;
+};
+
+// Reads a CSV file with a header row.
+std::vector<CsvRow> ReadCsv(const std::string& path) {
+  std::string text;
+  try {
+    text = ReadFileBytes(path);
+  } catch (const RuntimeError& e) {
+    throw CommandError("cannot read '" + path + "': " + e.description);
+  }
+  std::vector<CsvRecord> records;
+  try {
+    records = ParseCsv(text);
+  } catch (const CsvError& e) {
+    throw CommandError("'" + path + "' " + e.what() + "; nothing was imported");
+  }
+  if (records.empty()) throw CommandError("'" + path + "' has no header row");
   std::vector<std::string> header;
-  std::vector<std::map<std::string, std::string>> rows;
-  while (std::getline(in, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (Trim(line).empty()) continue;
-    std::vector<std::string> fields = SplitCsvLine(line);
-    if (header.empty()) {
-      for (auto& f : fields) header.push_back(LCase(Trim(f)));
-      continue;
+  for (auto& f : records[0].fields) header.push_back(LCase(Trim(f)));
+  std::vector<CsvRow> rows;
+  for (size_t r = 1; r < records.size(); ++r) {
+    CsvRow row{records[r].line, {}};
+    for (size_t i = 0; i < header.size() && i < records[r].fields.size(); ++i) {
+      row.fields[header[i]] = records[r].fields[i];
     }
-    std::map<std::string, std::string> row;
-    for (size_t i = 0; i < header.size() && i < fields.size(); ++i) row[header[i]] = fields[i];
     rows.push_back(std::move(row));
   }
-  if (header.empty()) throw CommandError("'" + path + "' has no header row");
   return rows;
+}
+
+// Ends an import: the summary, and status 3 when rows were rejected.
+void ImportSummary(const char* verb, int done, size_t rows, const char* what) {
+  std::printf("%s %d of %zu %s\n", verb, done, rows, what);
+  if (static_cast<size_t>(done) < rows) {
+    throw PartlyDone(std::to_string(rows - static_cast<size_t>(done)) + " of " +
+                     std::to_string(rows) + " rows were rejected");
+  }
 }
 
 }  // namespace
 
-std::vector<std::string> SplitCsvLine(const std::string& line) {
-  std::vector<std::string> fields(1);
-  bool quoted = false;
-  for (size_t i = 0; i < line.size(); ++i) {
-    char c = line[i];
-    if (quoted) {
-      if (c == '"' && i + 1 < line.size() && line[i + 1] == '"') {
-        fields.back() += '"';
-        ++i;
-      } else if (c == '"') {
-        quoted = false;
-      } else {
-        fields.back() += c;
-      }
-    } else if (c == '"') {
-      quoted = true;
-    } else if (c == ',') {
-      fields.emplace_back();
-    } else {
-      fields.back() += c;
-    }
-  }
-  return fields;
-}
-
 void CmdInit(const GlobalOptions& g) {
   Store store(g.db, /*allow_empty=*/true);
   store.CreateSchema();
-  std::printf("initialised %s\n", g.db.c_str());
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  delivery::CreateLedgerSchema(*connection);
+  try {
+    // One client per address whatever its case, even under concurrent imports.
+    connection->Execute(
+        "CREATE UNIQUE INDEX IF NOT EXISTS quillo_clients_email_key ON dmclients (LOWER(EMail))");
+  } catch (const RuntimeError& e) {
+    std::fprintf(stderr,
+                 "quillo: warning: clients share an e-mail address, so it is not kept unique: "
+                 "%s\n",
+                 e.description.c_str());
+  }
+  std::printf("initialised %s\n", RedactConnectionText(g.db).c_str());
 }
 
 void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a) {
@@ -203,18 +213,31 @@ void FillClient(const Dispatch& c, const std::map<std::string, std::string>& fie
   }
 }
 
+// CommandError unless `address` is a mailbox mail can be sent to.
+void CheckAddress(const std::string& address) {
+  if (auto problem = mail::MailboxProblem(address)) {
+    throw CommandError("'" + address + "' is not a valid e-mail address: " + *problem);
+  }
+}
+
 std::string AddClient(const Store& store, const std::map<std::string, std::string>& fields) {
   auto email = fields.find("email");
   if (email == fields.end() || Trim(email->second).empty()) {
     throw CommandError("a client needs an e-mail address");
   }
-  Variant existing = store.Scalar(
-      "SELECT Account FROM dmclients WHERE EMail = '" + SqlQuote(email->second) + "';", "Account");
+  std::string address = Trim(email->second);
+  CheckAddress(address);
+  // Addresses differ in case only by accident: one client per address.
+  Variant existing = store.Scalar("SELECT Account FROM dmclients WHERE LOWER(EMail) = '" +
+                                      SqlQuote(mail::MailboxKey(address)) + "';",
+                                  "Account");
   if (!existing.IsEmpty()) {
-    throw CommandError("a client with e-mail '" + email->second + "' exists already");
+    throw CommandError("a client with e-mail '" + address + "' exists already");
   }
   Dispatch c = store.NewRecord("dmclients");
-  FillClient(c, fields);
+  std::map<std::string, std::string> cleaned = fields;
+  cleaned["email"] = address;
+  FillClient(c, cleaned);
   c.Put("RecordAddedDate", Now());
   c.Put("RecordAddedBy", "quillo");
   Store::Save(c, "the client");
@@ -252,17 +275,17 @@ void CmdClientList(const GlobalOptions& g) {
 void CmdClientImport(const GlobalOptions& g, const std::string& csv_file) {
   Store store(g.db);
   auto rows = ReadCsv(csv_file);
-  int added = 0, line = 1;
+  int added = 0;
   for (const auto& row : rows) {
-    ++line;
     try {
-      AddClient(store, row);
+      AddClient(store, row.fields);
       ++added;
     } catch (const CommandError& e) {
-      std::fprintf(stderr, "quillo: %s row %d skipped: %s\n", csv_file.c_str(), line, e.what());
+      std::fprintf(stderr, "quillo: %s line %ld skipped: %s\n", csv_file.c_str(), row.line,
+                   e.what());
     }
   }
-  std::printf("imported %d of %zu clients\n", added, rows.size());
+  ImportSummary("imported", added, rows.size(), "clients");
 }
 
 namespace {
@@ -308,9 +331,9 @@ void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign_name,
   Store store(g.db);
   std::string campaign = store.FindCampaign(campaign_name);
   auto rows = ReadCsv(csv);
-  int added = 0, line = 1;
-  for (const auto& row : rows) {
-    ++line;
+  int added = 0;
+  for (const auto& csv_row : rows) {
+    const auto& row = csv_row.fields;
     try {
       auto who = row.count("email")     ? row.at("email")
                  : row.count("account") ? row.at("account")
@@ -319,10 +342,11 @@ void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign_name,
       Enrol(store, campaign, store.FindClient(who), DateOrToday(date));
       ++added;
     } catch (const CommandError& e) {
-      std::fprintf(stderr, "quillo: %s row %d skipped: %s\n", csv.c_str(), line, e.what());
+      std::fprintf(stderr, "quillo: %s line %ld skipped: %s\n", csv.c_str(), csv_row.line,
+                   e.what());
     }
   }
-  std::printf("enrolled %d of %zu clients\n", added, rows.size());
+  ImportSummary("enrolled", added, rows.size(), "clients");
 }
 
 void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a) {
@@ -355,9 +379,14 @@ void CmdAccountList(const GlobalOptions& g) {
   PrintTable({"ID", "EMAIL", "SERVER", "USER", "AUTH", "DEFAULT"}, rows);
 }
 
-void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key) {
+void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key,
+                     bool with_secrets) {
   Store store(g.db);
   Dispatch record = store.LoadRecord(table, key);
+  if (!with_secrets && EqualsIgnoreCase(table, "dmsmtpaccounts") &&
+      !record.Text("AccountPassword").empty()) {
+    record.Put("AccountPassword", "********");
+  }
   std::string xml = record.Text("XML");
   if (record.Get("Error").ToBool()) throw CommandError(record.Text("ErrorMessage"));
   std::printf("%s%s", xml.c_str(), (!xml.empty() && xml.back() == '\n') ? "" : "\n");
@@ -374,6 +403,7 @@ void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std
   Dispatch record = store.NewRecord(table);
   record.Put("XML", xml);
   if (record.Get("Error").ToBool()) throw CommandError(record.Text("ErrorMessage"));
+  if (EqualsIgnoreCase(table, "dmclients")) CheckAddress(Trim(record.Text("Email")));
   Store::Save(record, table);
   std::printf("%s\n", record.Text(KeyColumn(table)).c_str());
 }

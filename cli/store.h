@@ -19,6 +19,10 @@ class CommandError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// `connection_text` fit to print: a password in it (a URI's user:PASSWORD@,
+// or password=...) replaced by "***".
+std::string RedactConnectionText(std::string_view connection_text);
+
 // `text` as an SQL literal body: single quotes doubled.
 std::string SqlQuote(std::string_view text);
 
