@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "commands.h"
+#include "mail/composer.h"
 
 namespace {
 
@@ -37,6 +38,7 @@ int Guard(const std::function<void()>& body) {
 int main(int argc, char** argv) {
   CLI::App app{"quillo: timed, sequential (drip) e-mail campaigns"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("quillo ") + quillo::mail::Version());
   GlobalOptions g;
   app.add_option("--db", g.db, "Database: sqlite:PATH, sqlite::memory: or a PostgreSQL URI")
       ->capture_default_str();

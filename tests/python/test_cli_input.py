@@ -135,3 +135,13 @@ def test_a_postgresql_password_is_never_printed(tmp_path):
     keyvalue = subprocess.run([QUILLO, "--db", "host=127.0.0.1 port=1 password=Sup3rSecret",
                                "client", "list"], capture_output=True, text=True, timeout=60)
     assert "Sup3rSecret" not in keyvalue.stdout + keyvalue.stderr
+
+
+def test_version_and_usage_errors():
+    import re
+    done = subprocess.run([QUILLO, "--version"], capture_output=True, text=True, timeout=60)
+    assert done.returncode == 0
+    assert re.fullmatch(r"quillo \d+\.\d+\.\d+\n", done.stdout)
+    wrong = subprocess.run([QUILLO, "send", "--no-such-option"], capture_output=True, text=True,
+                           timeout=60)
+    assert wrong.returncode == 2
