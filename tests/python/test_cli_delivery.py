@@ -10,29 +10,8 @@ import subprocess
 
 import pytest
 
-from test_cli import QUILLO, Cli, MaildirServer
-
-
-@pytest.fixture
-def cli(tmp_path):
-    if not os.path.exists(QUILLO):
-        pytest.fail("the quillo command is not built: " + QUILLO)
-    c = Cli(tmp_path)
-    c.run("init")
-    return c
-
-
-@pytest.fixture
-def smtp_server(tmp_path):
-    servers = []
-
-    def start(*options):
-        servers.append(MaildirServer(tmp_path, *options))
-        return servers[-1]
-
-    yield start
-    for server in servers:
-        server.stop()
+# The command and its aiosmtpd server, as the other command tests use them.
+from test_cli import QUILLO, cli, smtp_server  # noqa: F401 (fixtures)
 
 
 def campaign(cli, body, *, header=("Replace: FIRST",), description="Hello <!--FIRST-->",

@@ -7,16 +7,7 @@ import subprocess
 
 import pytest
 
-from test_cli import QUILLO, Cli
-
-
-@pytest.fixture
-def cli(tmp_path):
-    if not os.path.exists(QUILLO):
-        pytest.fail("the quillo command is not built: " + QUILLO)
-    c = Cli(tmp_path)
-    c.run("init")
-    return c
+from test_cli import QUILLO, cli  # noqa: F401 (a fixture)
 
 
 def client_count(cli):
