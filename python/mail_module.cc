@@ -13,6 +13,7 @@
 // "enhanced" (the enhanced status code, "" when none), "reply", "reason"
 // (never empty), "message_id" and "recipient".
 #include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
 
 #include <chrono>
 #include <memory>
