@@ -45,6 +45,7 @@ struct SmtpSettings {
   std::string friendly;
   std::string ca_file;
   std::int32_t timeout = 60;
+  std::string domain;  // The account's Domain: the name our session gives in EHLO.
 };
 
 // How one delivery ended, read from the client's transcript.
@@ -104,6 +105,7 @@ std::vector<std::pair<SmtpSettings, bool>> ReadAccounts(const Store& store,
     s.password = r.Text("AccountPassword");
     s.sender = r.Text("Email");
     s.friendly = r.Text("EmailFriendly");
+    s.domain = Trim(r.Text("Domain"));
     found.emplace_back(s, r.Value("Default").ToLong() != 0);
   });
   return found;
@@ -356,7 +358,7 @@ delivery::Account ModernAccount(const SmtpSettings& s, const SendOptions& o) {
   a.session.port = s.port;
   a.session.tls = TlsModeFor(s, o.tls);
   a.session.ca_file = o.ca_file;
-  a.session.helo_name = o.helo;
+  a.session.helo_name = o.helo.empty() ? s.domain : o.helo;
   if (s.auth) {
     a.session.user = s.user;
     a.session.password = s.password;

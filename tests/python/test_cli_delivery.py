@@ -302,3 +302,58 @@ def test_tls_none_never_starts_tls(cli, smtp_server, tmp_path):
     assert done.returncode != 0
     assert "530" in done.stderr  # The server wants STARTTLS, which was never sent.
     assert server.messages() == {}
+
+
+class RecordingServer:
+    """A minimal SMTP server on loopback that records the command lines it gets."""
+
+    def __init__(self):
+        import socket
+        import threading
+        self.commands = []
+        self.listener = socket.socket()
+        self.listener.bind(("127.0.0.1", 0))
+        self.listener.listen(5)
+        self.listener.settimeout(30)
+        self.port = self.listener.getsockname()[1]
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        connection, _ = self.listener.accept()
+        connection.settimeout(30)
+        stream = connection.makefile("rwb")
+        stream.write(b"220 recorder ESMTP\r\n")
+        stream.flush()
+        for raw in stream:
+            line = raw.decode().rstrip("\r\n")
+            self.commands.append(line)
+            verb = line.split(" ")[0].upper()
+            if verb == "DATA":
+                stream.write(b"354 go on\r\n")
+                stream.flush()
+                for data in stream:
+                    if data == b".\r\n":
+                        break
+                stream.write(b"250 2.0.0 queued\r\n")
+            elif verb == "QUIT":
+                stream.write(b"221 bye\r\n")
+                stream.flush()
+                break
+            else:
+                stream.write(b"250 ok\r\n")
+            stream.flush()
+        connection.close()
+        self.listener.close()
+
+
+def test_ehlo_gives_the_accounts_domain(cli):
+    server = RecordingServer()
+    cli.run("account", "add", "--email", "news@quillo.example", "--server", "127.0.0.1", "--port",
+            str(server.port), "--domain", "mta.quillo.example", "--default")
+    queue = campaign(cli, ["Hi"])
+    done = cli.run("send", "--queue", str(queue), "-q", check=False)
+    assert done.returncode == 0, done.stderr
+    server.thread.join(30)
+    assert server.commands[0] == "EHLO mta.quillo.example"
+    assert server.commands[1] == "MAIL FROM:<news@quillo.example>"
