@@ -17,6 +17,7 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -91,7 +92,14 @@ void AddMailBindings(py::module_& m) {
           "send",
           [](delivery::Mailer& mailer, const std::string& template_path, const ObjectPtr& client,
              const std::string& subject) {
-            return OutcomeDict(mailer.Send(template_path, ClientOf(client), subject));
+            const dmclients& record = ClientOf(client);
+            delivery::Delivery d;
+            {
+              py::gil_scoped_release release;
+              std::lock_guard<std::recursive_mutex> serialised(LibraryLock());
+              d = mailer.Send(template_path, record, subject);
+            }
+            return OutcomeDict(d);
           },
           py::arg("template"), py::arg("client"), py::arg("subject") = "",
           "Composes the template for the client and delivers it; returns the outcome dict.")

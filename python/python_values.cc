@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <mutex>
 #include <utility>
 
 #include "platform/date.h"
@@ -287,10 +288,16 @@ Variant PythonObject::Invoke(std::string_view name, CallKind kind, std::vector<V
   });
 }
 
+std::recursive_mutex& LibraryLock() {
+  static std::recursive_mutex lock;
+  return lock;
+}
+
 Variant InvokeReleasingGil(const ObjectPtr& object, std::string_view name, CallKind kind,
                            std::vector<Variant> args) {
   if (!object) Raise(err::kObjectNotSet);
   py::gil_scoped_release release;
+  std::lock_guard<std::recursive_mutex> serialised(LibraryLock());
   return object->Invoke(name, kind, std::move(args));
 }
 

@@ -18,6 +18,7 @@
 #include <pybind11/pybind11.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -100,8 +101,15 @@ class PythonObject : public Object {
   MemberTable members_;  // Empty: members are found on the Python object.
 };
 
-// Invokes `name` on `object` with the GIL released while C++ runs. Error 91
-// when `object` is null.
+// The lock every call into the library holds while the GIL is released.
+// Library objects are not thread-safe; this serialises the calls of several
+// Python threads, so that sharing an object (a Connection, say) between them
+// is slow rather than a crash. Recursive: a Python callback the library
+// calls (an IDGenerator, an event sink) may call back into the library.
+std::recursive_mutex& LibraryLock();
+
+// Invokes `name` on `object` with the GIL released while C++ runs, under
+// LibraryLock(). Error 91 when `object` is null.
 Variant InvokeReleasingGil(const ObjectPtr& object, std::string_view name, CallKind kind,
                            std::vector<Variant> args);
 

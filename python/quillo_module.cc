@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -152,6 +153,7 @@ py::object CallBound(R (*f)(A...), const std::vector<Variant>& args, std::index_
   if constexpr (std::is_void_v<R>) {
     {
       py::gil_scoped_release release;
+      std::lock_guard<std::recursive_mutex> serialised(LibraryLock());
       f(Param<A>::Pass(std::get<I>(stored))...);
     }
     return py::none();
@@ -159,6 +161,7 @@ py::object CallBound(R (*f)(A...), const std::vector<Variant>& args, std::index_
     Variant result;
     {
       py::gil_scoped_release release;
+      std::lock_guard<std::recursive_mutex> serialised(LibraryLock());
       result = internal::ToVariant(f(Param<A>::Pass(std::get<I>(stored))...));
     }
     return ToPython(result);
