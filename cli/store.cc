@@ -117,7 +117,19 @@ Store::Store(const std::string& connection_text, bool allow_empty) {
   if (!allow_empty) {
     try {
       Scalar("SELECT COUNT(*) AS n FROM dmmrktcmp;", "n");
-    } catch (const RuntimeError&) {
+    } catch (const RuntimeError& e) {
+      // SQLite's primary result codes: the file is not a database, or it is
+      // damaged, or it is locked; anything else means the tables are missing.
+      if (!file.empty() && e.number == 26) {
+        throw CommandError("'" + file + "' is not a quillo database: it is not a SQLite file");
+      }
+      if (!file.empty() && e.number == 11) {
+        throw CommandError("database '" + file + "' is damaged: " + e.description);
+      }
+      if (e.number == 5) {
+        throw CommandError("database '" + shown + "' is locked by another program: " +
+                           e.description);
+      }
       throw CommandError("database '" + shown + "' has no quillo tables: run `quillo init` first");
     }
   }

@@ -136,3 +136,27 @@ def test_version_and_usage_errors():
     wrong = subprocess.run([QUILLO, "send", "--no-such-option"], capture_output=True, text=True,
                            timeout=60)
     assert wrong.returncode == 2
+
+
+def test_a_file_that_is_not_a_database_says_so(tmp_path):
+    (tmp_path / "notes.db").write_bytes(b"these are my notes, not a database\n" * 200)
+    done = subprocess.run([QUILLO, "--db", "sqlite:" + str(tmp_path / "notes.db"), "client",
+                           "list"], capture_output=True, text=True, timeout=60)
+    assert done.returncode == 1
+    assert "is not a quillo database: it is not a SQLite file" in done.stderr
+
+
+def test_a_database_without_tables_says_to_run_init(tmp_path):
+    import sqlite3
+    sqlite3.connect(str(tmp_path / "empty.db")).execute("CREATE TABLE other (a)").connection.close()
+    done = subprocess.run([QUILLO, "--db", "sqlite:" + str(tmp_path / "empty.db"), "client",
+                           "list"], capture_output=True, text=True, timeout=60)
+    assert done.returncode == 1
+    assert "has no quillo tables: run `quillo init` first" in done.stderr
+
+
+def test_init_in_a_folder_that_does_not_exist_says_so(tmp_path):
+    done = subprocess.run([QUILLO, "--db", "sqlite:" + str(tmp_path / "nope" / "q.db"), "init"],
+                          capture_output=True, text=True, timeout=60)
+    assert done.returncode == 1
+    assert "cannot create database" in done.stderr and "No such file or directory" in done.stderr
