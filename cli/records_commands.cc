@@ -2,6 +2,7 @@
 // tables through the record classes, so a user never writes SQL by hand.
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -10,7 +11,9 @@
 #include "csv.h"
 #include "delivery/ledger.h"
 #include "mail/address.h"
+#include "mail/template_draft.h"
 #include "platform/format.h"
+#include "records/dmclients.h"
 
 namespace quillo::cli {
 
@@ -115,6 +118,21 @@ void ImportSummary(const char* verb, int done, size_t rows, const char* what) {
   }
 }
 
+// CommandError when `value` holds what a queue file cannot carry in a field
+// (a double quote or a line break): such a field would not read back intact.
+void CheckQueueField(const char* what, const std::string& value) {
+  if (value.find_first_of("\"\r\n") != std::string::npos) {
+    throw CommandError(std::string(what) + " may not hold a double quote or a line break");
+  }
+}
+
+// CommandError unless `address` is a mailbox mail can be sent to.
+void CheckAddress(const std::string& address) {
+  if (auto problem = mail::MailboxProblem(address)) {
+    throw CommandError("'" + address + "' is not a valid e-mail address: " + *problem);
+  }
+}
+
 }  // namespace
 
 void CmdInit(const GlobalOptions& g) {
@@ -138,6 +156,7 @@ void CmdInit(const GlobalOptions& g) {
 void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a) {
   Store store(g.db);
   if (Trim(a.name).empty()) throw CommandError("a campaign needs a --name");
+  CheckQueueField("a campaign name", a.name);
   Variant existing = store.Scalar(
       "SELECT RecID FROM dmmrktcmp WHERE CampaignName = '" + SqlQuote(a.name) + "';", "RecID");
   if (!existing.IsEmpty()) throw CommandError("a campaign named '" + a.name + "' exists already");
@@ -165,9 +184,22 @@ void CmdCampaignList(const GlobalOptions& g) {
 void CmdItemAdd(const GlobalOptions& g, const ItemAdd& a) {
   Store store(g.db);
   std::string campaign = store.FindCampaign(a.campaign);
+  // The template must be there and read as intended now, not at send time,
+  // and its path must resolve the same from any folder: it is stored
+  // absolute.
+  std::string file = std::filesystem::absolute(NativePath(a.file)).lexically_normal().string();
+  CheckQueueField("a template file name", file);
+  if (!FileExists(file)) throw CommandError("no template file '" + a.file + "'");
+  try {
+    dmclients nobody;
+    nobody.Email("nobody@example.test");
+    mail::DraftFromTemplate(file, nobody, a.description, {"", "nobody@example.test"});
+  } catch (const std::exception& e) {
+    throw CommandError(std::string("the template cannot be used: ") + e.what());
+  }
   Dispatch item = store.NewRecord("dmmrktcmpitems");
   item.Put("CampaignRecID", campaign);
-  item.Put("MessageFileName", a.file);
+  item.Put("MessageFileName", file);
   item.Put("Interval", a.interval);
   item.Put("Description", a.description);
   Store::Save(item, "the campaign item");
@@ -210,13 +242,6 @@ void FillClient(const Dispatch& c, const std::map<std::string, std::string>& fie
   for (const auto& [heading, value] : fields) {
     auto it = kProperty.find(heading);
     if (it != kProperty.end()) c.Put(it->second, value);
-  }
-}
-
-// CommandError unless `address` is a mailbox mail can be sent to.
-void CheckAddress(const std::string& address) {
-  if (auto problem = mail::MailboxProblem(address)) {
-    throw CommandError("'" + address + "' is not a valid e-mail address: " + *problem);
   }
 }
 

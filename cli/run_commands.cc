@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 
 #include "campaign/constants.h"
 #include "commands.h"
@@ -15,6 +16,54 @@ namespace {
 
 std::string AbsolutePath(const std::string& path) {
   return std::filesystem::absolute(NativePath(path)).lexically_normal().string();
+}
+
+}  // namespace
+
+namespace {
+
+// Whether the history row `id` is in the database.
+bool HistoryStored(const Store& store, const std::string& id) {
+  if (id.empty()) return false;
+  return !store
+              .Scalar("SELECT RecID FROM dmmrktcmphistory WHERE RecID = '" + SqlQuote(id) + "';",
+                      "RecID")
+              .IsEmpty();
+}
+
+// Checks that the queue file holds exactly `expected` well-formed records
+// (when `expected` >= 0), each nine quoted fields ending in CR LF, and
+// throws CommandError naming the first record that is not: the queue format
+// cannot carry a double quote or a line break inside a field, and a record
+// cut short by a full disk or a crash must not pass for a shorter queue.
+void CheckQueueFile(const std::string& file, long expected) {
+  std::string bytes;
+  try {
+    bytes = ReadFileBytes(file);
+  } catch (const RuntimeError& e) {
+    throw CommandError("cannot read queue file '" + file + "': " + e.description);
+  }
+  static const std::regex kRecord(R"re("[^"\r\n]*"(,"[^"\r\n]*"){8})re");
+  long records = 0;
+  size_t start = 0;
+  while (start < bytes.size()) {
+    size_t end = bytes.find("\r\n", start);
+    std::string line =
+        bytes.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    if (end == std::string::npos || !std::regex_match(line, kRecord)) {
+      throw CommandError("queue file '" + file + "': record " + std::to_string(records + 1) +
+                         (end == std::string::npos ? " is truncated" : " is malformed") + " (" +
+                         std::to_string(records) + " good records before it)");
+    }
+    ++records;
+    start = end + 2;
+  }
+  if (expected >= 0 && records != expected) {
+    throw CommandError("queue file '" + file + "' holds " + std::to_string(records) +
+                       " records for " + std::to_string(expected) +
+                       " messages: a field holds a double quote or a line break, which the queue "
+                       "cannot carry");
+  }
 }
 
 }  // namespace
@@ -44,9 +93,32 @@ RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date 
   });
 
   RunSummary summary;
+  auto history_id = [&]() -> std::string {
+    try {
+      Dispatch history = processor.GetObject("History");
+      return history ? history.Text("RecID") : std::string();
+    } catch (const RuntimeError&) {
+      return {};
+    }
+  };
   try {
     processor.Call("LoadData");
     processor.Call("Process");
+  } catch (const RuntimeError& e) {
+    progress.Finish();
+    if (queue) queue.Call("CloseQueue");
+    // The engine stops where the failure happened and keeps what it did:
+    // say what that is, so the operator can judge the next run.
+    std::string left = history_id();
+    std::string what = "the run failed: error " + std::to_string(e.number) + ": " + e.description;
+    if (!left.empty() && HistoryStored(store, left)) {
+      what += "; it left history row " + left + " in dmmrktcmphistory for " +
+              FormatDate(date, "yyyy-mm-dd");
+    }
+    long queued = processor.GetObject("Messages").Get("Count").ToLong();
+    what += "; " + std::to_string(queued) + " messages were produced before it" +
+            (queue_path.empty() ? "" : " (queued in " + queue_path + ")");
+    throw CommandError(what);
   } catch (...) {
     progress.Finish();
     if (queue) queue.Call("CloseQueue");
@@ -55,7 +127,12 @@ RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date 
   progress.Finish();
   if (queue) queue.Call("CloseQueue");
 
-  summary.history_id = processor.GetObject("History").Text("RecID");
+  summary.history_id = history_id();
+  if (!HistoryStored(store, summary.history_id)) {
+    throw CommandError("the run's history row was not stored (is the database read-only?): " +
+                       std::to_string(processor.GetObject("Messages").Get("Count").ToLong()) +
+                       " messages were produced but cannot be told apart from a run never made");
+  }
   summary.messages = processor.GetObject("Messages").Get("Count").ToLong();
   summary.clients =
       store
@@ -68,6 +145,7 @@ RunSummary RunCampaign(const Store& store, const std::string& campaign_id, Date 
               "n")
           .ToLong();
   summary.queue_path = queue ? queue.Text("MessageQueueFileName") : std::string();
+  if (queue) CheckQueueFile(summary.queue_path, summary.messages);
   return summary;
 }
 
@@ -120,6 +198,7 @@ Dispatch OpenQueueForReading(const std::string& file) {
 }  // namespace
 
 std::vector<QueuedMessage> ReadQueue(const std::string& file) {
+  CheckQueueFile(file, -1);
   Dispatch queue = OpenQueueForReading(file);
   std::vector<QueuedMessage> messages;
   while (true) {

@@ -127,8 +127,8 @@ Store::Store(const std::string& connection_text, bool allow_empty) {
         throw CommandError("database '" + file + "' is damaged: " + e.description);
       }
       if (e.number == 5) {
-        throw CommandError("database '" + shown + "' is locked by another program: " +
-                           e.description);
+        throw CommandError("database '" + shown +
+                           "' is locked by another program: " + e.description);
       }
       throw CommandError("database '" + shown + "' has no quillo tables: run `quillo init` first");
     }

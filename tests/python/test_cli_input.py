@@ -160,3 +160,71 @@ def test_init_in_a_folder_that_does_not_exist_says_so(tmp_path):
                           capture_output=True, text=True, timeout=60)
     assert done.returncode == 1
     assert "cannot create database" in done.stderr and "No such file or directory" in done.stderr
+
+
+def one_item_campaign(cli, tmp_path, name="Drip", interval=0):
+    (tmp_path / "t.txt").write_bytes(b"Hi\r\n")
+    cli.run("campaign", "add", "--name", name, "--type", "1")
+    cli.run("campaign", "item", "--campaign", name, "--file", str(tmp_path / "t.txt"),
+            "--interval", str(interval), "--description", "Hi")
+    cli.run("client", "add", "--email", "ada@example.test")
+    cli.run("enrol", "add", "--campaign", name, "--client", "ada@example.test", "--date",
+            "2026-03-01")
+
+
+@pytest.mark.parametrize("damage, reason", [
+    (lambda b: b[:-7], "record 1 is truncated"),
+    (lambda b: b.replace(b'","', b'",', 1), "record 1 is malformed"),
+])
+def test_a_damaged_queue_is_reported_and_nothing_is_sent(cli, tmp_path, damage, reason):
+    one_item_campaign(cli, tmp_path)
+    queue = tmp_path / "q.txt"
+    cli.run("run", "--campaign", "Drip", "--date", "2026-03-01", "--queue", str(queue), "-q")
+    queue.write_bytes(damage(queue.read_bytes()))
+    shown = cli.run("queue", "show", str(queue), check=False)
+    assert shown.returncode == 1 and reason in shown.stderr
+    sent = cli.run("send", "--queue", str(queue), "--smtp", "smtp://127.0.0.1:1", check=False)
+    assert sent.returncode == 1 and reason in sent.stderr
+
+
+def test_a_campaign_name_the_queue_cannot_carry_is_refused(cli):
+    done = cli.run("campaign", "add", "--name", 'Spring "sale"', "--type", "1", check=False)
+    assert done.returncode == 1
+    assert "may not hold a double quote" in done.stderr
+
+
+@pytest.mark.parametrize("interval, date, error", [
+    (2147483647, "2026-03-05", "error 6: Overflow"),
+    (0, "0100-01-01", "error 3704"),
+])
+def test_a_failed_run_says_what_it_left_behind(cli, tmp_path, interval, date, error):
+    one_item_campaign(cli, tmp_path, interval=interval)
+    done = cli.run("run", "--campaign", "Drip", "--date", date, "--queue",
+                   str(tmp_path / "q.txt"), check=False)
+    assert done.returncode == 1
+    assert "the run failed: " + error in done.stderr
+    assert "it left history row " in done.stderr
+    assert "0 messages were produced before it" in done.stderr
+
+
+def test_a_run_on_a_read_only_database_prints_no_run_id(cli, tmp_path):
+    one_item_campaign(cli, tmp_path)
+    ro = "sqlite:%s;mode=ro" % (tmp_path / "quillo.db")
+    done = subprocess.run([QUILLO, "--db", ro, "run", "--campaign", "Drip", "--date",
+                           "2026-03-01", "-q"], capture_output=True, text=True, timeout=60)
+    assert done.returncode == 1
+    assert "run " not in done.stdout
+    assert "read-only" in done.stderr or "readonly" in done.stderr
+
+
+def test_campaign_item_checks_the_template_and_stores_an_absolute_path(cli, tmp_path):
+    cli.run("campaign", "add", "--name", "Drip", "--type", "1")
+    missing = cli.run("campaign", "item", "--campaign", "Drip", "--file", "nowhere.txt",
+                      check=False)
+    assert missing.returncode == 1 and "no template file 'nowhere.txt'" in missing.stderr
+    (tmp_path / "bad.txt").write_bytes(b"[HEADER]\r\n: x\r\n[/HEADER]\r\nbody\r\n")
+    bad = cli.run("campaign", "item", "--campaign", "Drip", "--file", "bad.txt", check=False)
+    assert bad.returncode == 1 and "bad.txt:2: a header line has no name" in bad.stderr
+    (tmp_path / "good.txt").write_bytes(b"[HEADER]\nReplace: FIRST\n[/HEADER]\nHi <!--FIRST-->\n")
+    cli.run("campaign", "item", "--campaign", "Drip", "--file", "good.txt", "--description", "Hi")
+    assert str(tmp_path / "good.txt") in cli.out("campaign", "items", "--campaign", "Drip")
