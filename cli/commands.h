@@ -44,7 +44,9 @@ struct EnrolAdd {
   std::string date;  // YYYY-MM-DD; default today.
 };
 struct AccountAdd {
-  std::string email, server, name, friendly, domain, password_env;
+  std::string email, server, name, friendly, domain;
+  std::string password_env;   // A variable's name: the password is read at send time.
+  std::string password_file;  // A file's path: the password is read at send time.
   std::int32_t port = 25;
   bool auth = false;
   bool make_default = false;
@@ -105,6 +107,16 @@ void CmdEnrolList(const GlobalOptions& g, const std::string& campaign);
 void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign, const std::string& csv);
 void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a);
 void CmdAccountList(const GlobalOptions& g);
+// Creates quillo_account_secrets, where an account's password reference
+// (an environment variable's name or a file's path) is kept, when missing.
+void CreatePasswordReferenceTable(const Store& store);
+
+// The password of account `email` read from its reference, or nullopt when
+// it has none. CommandError when the variable is unset or the file unreadable.
+std::optional<std::string> ReferencedPassword(const Store& store, const std::string& email);
+
+// Makes the account `email` the only default one.
+void CmdAccountDefault(const GlobalOptions& g, const std::string& email);
 void CmdRun(const GlobalOptions& g, const RunOptions& r);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // Counts of the delivery ledger by state, and the messages in doubt.

@@ -130,7 +130,10 @@ int main(int argc, char** argv) {
   a_add->add_option("--port", aa.port, "Port")->capture_default_str();
   a_add->add_option("--user", aa.name, "AUTH LOGIN user name");
   a_add->add_option("--password-env", aa.password_env,
-                    "Name of the environment variable that holds the password");
+                    "Name of the environment variable that holds the password at send time "
+                    "(the name is stored, never the password)");
+  a_add->add_option("--password-file", aa.password_file,
+                    "File whose first line is the password at send time (its path is stored)");
   a_add->add_option("--friendly", aa.friendly, "Display name");
   a_add->add_option("--domain", aa.domain);
   a_add->add_flag("--auth", aa.auth, "Use AUTH LOGIN");
@@ -139,6 +142,10 @@ int main(int argc, char** argv) {
   account->add_subcommand("list", "List SMTP accounts")->callback([&] {
     action = [&] { CmdAccountList(g); };
   });
+  std::string default_account;
+  auto* a_default = account->add_subcommand("default", "Make one account the default");
+  a_default->add_option("email", default_account, "The account's e-mail address")->required();
+  a_default->callback([&] { action = [&] { CmdAccountDefault(g, default_account); }; });
 
   // run
   RunOptions ro;

@@ -65,15 +65,6 @@ void PrintTable(const std::vector<std::string>& header,
   if (rows.empty()) std::printf("(none)\n");
 }
 
-std::string ReadPassword(const std::string& env_name) {
-  if (env_name.empty()) return {};
-  const char* value = std::getenv(env_name.c_str());
-  if (value == nullptr) {
-    throw CommandError("environment variable " + env_name + " is not set");
-  }
-  return value;
-}
-
 // One data row of a CSV file with a header row: its line and its fields by
 // the lower-case header name.
 struct CsvRow {
@@ -140,6 +131,7 @@ void CmdInit(const GlobalOptions& g) {
   store.CreateSchema();
   auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
   delivery::CreateLedgerSchema(*connection);
+  CreatePasswordReferenceTable(store);
   try {
     // One client per address whatever its case, even under concurrent imports.
     connection->Execute(
@@ -374,23 +366,113 @@ void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign_name,
   ImportSummary("enrolled", added, rows.size(), "clients");
 }
 
+void CreatePasswordReferenceTable(const Store& store) {
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  connection->Execute(
+      "CREATE TABLE IF NOT EXISTS quillo_account_secrets (Email VARCHAR(255) NOT NULL PRIMARY "
+      "KEY, Source VARCHAR(8) NOT NULL, Ref VARCHAR(1000) NOT NULL)");
+}
+
+std::optional<std::string> ReferencedPassword(const Store& store, const std::string& email) {
+  std::string source, ref;
+  try {
+    store.Query(
+        "SELECT Source, Ref FROM quillo_account_secrets WHERE Email = '" + SqlQuote(email) + "';",
+        [&](const Row& r) {
+          source = r.Text("Source");
+          ref = r.Text("Ref");
+        });
+  } catch (const RuntimeError&) {
+    return std::nullopt;  // A database made before password references existed.
+  }
+  if (source == "env") {
+    const char* value = std::getenv(ref.c_str());
+    if (value == nullptr) {
+      throw CommandError("the password of account '" + email + "' comes from $" + ref +
+                         ", which is not set");
+    }
+    return std::string(value);
+  }
+  if (source == "file") {
+    std::string bytes;
+    try {
+      bytes = ReadFileBytes(ref);
+    } catch (const RuntimeError& e) {
+      throw CommandError("the password of account '" + email + "' comes from '" + ref +
+                         "', which cannot be read: " + e.description);
+    }
+    return bytes.substr(0, bytes.find_first_of("\r\n"));
+  }
+  return std::nullopt;
+}
+
 void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a) {
   Store store(g.db);
   if (Trim(a.email).empty() || Trim(a.server).empty()) {
     throw CommandError("an account needs --email and --server");
   }
-  Dispatch acct = store.NewRecord("dmsmtpaccounts");
-  acct.Put("Email", a.email);
-  acct.Put("MailServer", a.server);
-  acct.Put("Port", a.port);
-  acct.Put("AccountName", a.name);
-  acct.Put("AccountPassword", ReadPassword(a.password_env));
-  acct.Put("EmailFriendly", a.friendly);
-  acct.Put("Domain", a.domain);
-  acct.Put("UseAuthentication", std::int32_t{a.auth ? 1 : 0});
-  acct.Put("Default", std::int32_t{a.make_default ? 1 : 0});
-  Store::Save(acct, "the account");
-  std::printf("%s\n", acct.Text("RecID").c_str());
+  if (!a.password_env.empty() && !a.password_file.empty()) {
+    throw CommandError("give --password-env or --password-file, not both");
+  }
+  CheckAddress(Trim(a.email));
+  if (!store
+           .Scalar("SELECT RecID FROM dmsmtpaccounts WHERE Email = '" + SqlQuote(a.email) + "';",
+                   "RecID")
+           .IsEmpty()) {
+    throw CommandError("an account '" + a.email + "' exists already");
+  }
+  CreatePasswordReferenceTable(store);
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  connection->Execute("BEGIN");
+  try {
+    if (a.make_default) connection->Execute("UPDATE dmsmtpaccounts SET Default = 0;");
+    Dispatch acct = store.NewRecord("dmsmtpaccounts");
+    acct.Put("Email", a.email);
+    acct.Put("MailServer", a.server);
+    acct.Put("Port", a.port);
+    acct.Put("AccountName", a.name);
+    // The password itself is never stored: only where to find it at send time.
+    acct.Put("AccountPassword", "");
+    acct.Put("EmailFriendly", a.friendly);
+    acct.Put("Domain", a.domain);
+    acct.Put("UseAuthentication", std::int32_t{a.auth ? 1 : 0});
+    acct.Put("Default", std::int32_t{a.make_default ? 1 : 0});
+    Store::Save(acct, "the account");
+    std::string source, ref;
+    if (!a.password_env.empty()) {
+      source = "env";
+      ref = a.password_env;
+    } else if (!a.password_file.empty()) {
+      source = "file";
+      ref = std::filesystem::absolute(a.password_file).lexically_normal().string();
+    }
+    if (!source.empty()) {
+      connection->Execute("INSERT INTO quillo_account_secrets (Email, Source, Ref) VALUES ('" +
+                          SqlQuote(a.email) + "', '" + source + "', '" + SqlQuote(ref) + "')");
+    }
+    connection->Execute("COMMIT");
+    std::printf("%s\n", acct.Text("RecID").c_str());
+  } catch (...) {
+    connection->Execute("ROLLBACK");
+    throw;
+  }
+}
+
+void CmdAccountDefault(const GlobalOptions& g, const std::string& email) {
+  Store store(g.db);
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  if (store
+          .Scalar("SELECT RecID FROM dmsmtpaccounts WHERE Email = '" + SqlQuote(email) + "';",
+                  "RecID")
+          .IsEmpty()) {
+    throw CommandError("no SMTP account '" + email + "'");
+  }
+  connection->Execute("BEGIN");
+  connection->Execute("UPDATE dmsmtpaccounts SET Default = 0;");
+  connection->Execute("UPDATE dmsmtpaccounts SET Default = 1 WHERE Email = '" + SqlQuote(email) +
+                      "';");
+  connection->Execute("COMMIT");
+  std::printf("default account: %s\n", email.c_str());
 }
 
 void CmdAccountList(const GlobalOptions& g) {

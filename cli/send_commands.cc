@@ -111,11 +111,20 @@ std::vector<std::pair<SmtpSettings, bool>> ReadAccounts(const Store& store,
   return found;
 }
 
+// `account` with its password read from its reference (an environment
+// variable or a file) when it authenticates and has one.
+SmtpSettings WithPassword(const Store& store, SmtpSettings account) {
+  if (account.auth) {
+    if (auto password = ReferencedPassword(store, account.sender)) account.password = *password;
+  }
+  return account;
+}
+
 // The account whose address is `email`, or nullopt.
 std::optional<SmtpSettings> FindAccount(const Store& store, const std::string& email) {
   auto found = ReadAccounts(store, email);
   if (found.empty()) return std::nullopt;
-  return found.front().first;
+  return WithPassword(store, found.front().first);
 }
 
 // The settings of a dmsmtpaccounts row: the one with `email`, else the
@@ -124,9 +133,9 @@ SmtpSettings AccountSettings(const Store& store, const std::string& email) {
   auto found = ReadAccounts(store, email);
   if (!email.empty() && found.empty()) throw CommandError("no SMTP account '" + email + "'");
   for (const auto& [settings, is_default] : found) {
-    if (is_default) return settings;
+    if (is_default) return WithPassword(store, settings);
   }
-  if (found.size() == 1) return found[0].first;
+  if (found.size() == 1) return WithPassword(store, found[0].first);
   if (found.empty()) {
     throw CommandError("no SMTP account: add one with `quillo account add` or pass --smtp");
   }

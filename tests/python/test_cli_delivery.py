@@ -357,3 +357,19 @@ def test_ehlo_gives_the_accounts_domain(cli):
     server.thread.join(30)
     assert server.commands[0] == "EHLO mta.quillo.example"
     assert server.commands[1] == "MAIL FROM:<news@quillo.example>"
+
+
+def test_the_password_is_read_from_the_accounts_variable_at_send_time(cli, smtp_server):
+    server = smtp_server("--auth", "mailer:env-s3cret")
+    cli.run("account", "add", "--email", "news@quillo.example", "--server", "127.0.0.1", "--port",
+            str(server.port), "--user", "mailer", "--auth", "--password-env", "MAILER_PW",
+            "--default")
+    queue = campaign(cli, ["Hi"])
+    unset = cli.run("send", "--queue", str(queue), "--allow-plaintext-auth", "-q", check=False)
+    assert unset.returncode == 1 and "$MAILER_PW, which is not set" in unset.stderr
+    env = dict(os.environ, MAILER_PW="env-s3cret")
+    done = cli.run("--verbose", "send", "--queue", str(queue), "--allow-plaintext-auth", "-q",
+                   env=env, check=False)
+    assert done.returncode == 0, done.stderr
+    assert "env-s3cret" not in done.stdout + done.stderr
+    assert list(server.messages()) == ["ada@example.test"]

@@ -90,15 +90,47 @@ def test_concurrent_imports_of_the_same_rows_leave_one_client_per_address(cli, t
     assert client_count(cli) == 400
 
 
-def test_record_export_masks_the_smtp_password_unless_asked(cli):
-    env = dict(os.environ, MAILER_PASSWORD="s3cret-pw")
-    cli.run("account", "add", "--email", "news@example.test", "--server", "127.0.0.1",
-            "--password-env", "MAILER_PASSWORD", env=env)
-    key = cli.out("account", "list").splitlines()[1].split()[0]
+def test_record_export_masks_the_smtp_password_unless_asked(cli, tmp_path):
+    # An account row with a password in it, as older data or another host
+    # may have stored it.
+    (tmp_path / "a.xml").write_text(
+        "<DMSMTPACCOUNTS><EMAIL>news@example.test</EMAIL><MAILSERVER>127.0.0.1</MAILSERVER>"
+        "<ACCOUNTPASSWORD>s3cret-pw</ACCOUNTPASSWORD></DMSMTPACCOUNTS>")
+    key = cli.out("record", "import", "dmsmtpaccounts", str(tmp_path / "a.xml")).strip()
     masked = cli.out("record", "export", "dmsmtpaccounts", key)
     assert "s3cret-pw" not in masked and "********" in masked
     shown = cli.out("record", "export", "dmsmtpaccounts", key, "--with-secrets")
     assert "s3cret-pw" in shown
+
+
+def test_an_accounts_password_reference_is_stored_never_the_password(cli, tmp_path):
+    import sqlite3
+    env = {k: v for k, v in os.environ.items() if k != "MAILER_PASSWORD"}
+    cli.run("account", "add", "--email", "news@example.test", "--server", "127.0.0.1", "--auth",
+            "--password-env", "MAILER_PASSWORD", env=env)
+    (tmp_path / "pw").write_text("file-s3cret\n")
+    cli.run("account", "add", "--email", "sales@example.test", "--server", "127.0.0.1", "--auth",
+            "--password-file", str(tmp_path / "pw"))
+    db = sqlite3.connect(str(tmp_path / "quillo.db"))
+    rows = db.execute("SELECT AccountPassword FROM dmsmtpaccounts").fetchall()
+    refs = sorted(db.execute("SELECT Source, Ref FROM quillo_account_secrets").fetchall())
+    db.close()
+    assert rows == [("",), ("",)] or rows == [(None,), (None,)]
+    assert refs == [("env", "MAILER_PASSWORD"), ("file", str(tmp_path / "pw"))]
+
+
+def test_exactly_one_account_is_the_default(cli):
+    for address in ("a@example.test", "b@example.test"):
+        cli.run("account", "add", "--email", address, "--server", "127.0.0.1", "--default")
+    listing = cli.out("account", "list")
+    defaults = [l for l in listing.splitlines() if l.rstrip().endswith("yes") and "@" in l]
+    assert len(defaults) == 1 and "b@example.test" in defaults[0]
+    cli.run("account", "default", "a@example.test")
+    listing = cli.out("account", "list")
+    defaults = [l for l in listing.splitlines() if l.rstrip().endswith("yes") and "@" in l]
+    assert len(defaults) == 1 and "a@example.test" in defaults[0]
+    unknown = cli.run("account", "default", "nobody@example.test", check=False)
+    assert unknown.returncode == 1 and "no SMTP account" in unknown.stderr
 
 
 def test_a_new_database_file_is_the_owners_alone(tmp_path):
