@@ -121,6 +121,8 @@ void CmdRun(const GlobalOptions& g, const RunOptions& r);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // Counts of the delivery ledger by state, and the messages in doubt.
 void CmdStatus(const GlobalOptions& g, const std::string& campaign);
+// Lists every campaign kind and schedule code with its text.
+void CmdCodes();
 void CmdSchedule(const GlobalOptions& g, const std::string& campaign, const std::string& date);
 void CmdQueueCount(const std::string& file);
 void CmdQueueShow(const std::string& file);

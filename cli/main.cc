@@ -56,8 +56,12 @@ int main(int argc, char** argv) {
   auto* c_add = campaign->add_subcommand("add", "Add a campaign");
   c_add->add_option("--name", ca.name, "Campaign name")->required();
   c_add->add_option("--type", ca.type,
-                    "Kind and schedule code: 1 sequential offset, 2 incremental, other: list");
-  c_add->add_option("--interval", ca.interval, "Day of month (203) or days between runs (406)");
+                    "Campaign kind or schedule code: 1 sequential offset (each item N days after "
+                    "enrolment), 2 incremental (one item per run), 0 standard list, 100-106 "
+                    "weekly, 200-203 day of month, 3xx weekday of month, 400-406 every N days; "
+                    "`quillo codes` lists them all");
+  c_add->add_option("--interval", ca.interval,
+                    "For code 203, the day of the month; for code 406, the days between runs");
   c_add->add_option("--effective", ca.effective, "Start of the every-N-days cycle, YYYY-MM-DD");
   c_add->add_option("--description", ca.description, "Free description");
   c_add->callback([&] { action = [&] { CmdCampaignAdd(g, ca); }; });
@@ -196,6 +200,11 @@ int main(int argc, char** argv) {
   auto* status = app.add_subcommand("status", "Show where a campaign's messages stand");
   status->add_option("--campaign", status_campaign, "Campaign name or id (default: all)");
   status->callback([&] { action = [&] { CmdStatus(g, status_campaign); }; });
+
+  // codes
+  app.add_subcommand("codes", "List every campaign kind and schedule code")->callback([&] {
+    action = [] { CmdCodes(); };
+  });
 
   // schedule
   std::string sched_campaign, sched_date;

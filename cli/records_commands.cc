@@ -7,6 +7,7 @@
 #include <map>
 #include <regex>
 
+#include "campaign/constants.h"
 #include "commands.h"
 #include "csv.h"
 #include "delivery/ledger.h"
@@ -149,6 +150,17 @@ void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a) {
   Store store(g.db);
   if (Trim(a.name).empty()) throw CommandError("a campaign needs a --name");
   CheckQueueField("a campaign name", a.name);
+  if (a.type != 0 && a.type != kSequentialOffsetKind && a.type != kIncrementalKind &&
+      ScheduleCodeDescription(a.type).empty()) {
+    throw CommandError(
+        "--type " + std::to_string(a.type) +
+        " is neither a campaign kind nor a schedule code: `quillo codes` lists them");
+  }
+  if (a.type == 105) {
+    std::fprintf(stderr,
+                 "quillo: warning: code 105 has no weekday by design, so no run date can be "
+                 "computed for it (`quillo schedule` will say so)\n");
+  }
   Variant existing = store.Scalar(
       "SELECT RecID FROM dmmrktcmp WHERE CampaignName = '" + SqlQuote(a.name) + "';", "RecID");
   if (!existing.IsEmpty()) throw CommandError("a campaign named '" + a.name + "' exists already");

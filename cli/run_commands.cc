@@ -174,10 +174,17 @@ void CmdSchedule(const GlobalOptions& g, const std::string& campaign_name,
   std::printf("code:      %d%s%s\n", code, description.empty() ? "" : "  ", description.c_str());
   std::printf("reference: %s\n", FormatDate(date, "yyyy-mm-dd").c_str());
   auto show = [&](const char* label, const char* member) {
+    if (code == 105) {
+      // The calculator's table gives this code no weekday, deliberately, so
+      // every date query fails; say why instead of showing the failure.
+      std::printf("%s(none: code 105 has no weekday, so it has no run dates)\n", label);
+      return;
+    }
     try {
       std::printf("%s%s\n", label, DateText(calc.Call(member).ToDate()).c_str());
     } catch (const RuntimeError& e) {
-      std::printf("%s(error %ld: %s)\n", label, e.number, e.description.c_str());
+      std::printf("%s(none: the calculator cannot give one for code %d: error %ld: %s)\n", label,
+                  code, e.number, e.description.c_str());
     }
   };
   show("next:      ", "getNextRunDate");
@@ -231,6 +238,31 @@ void CmdQueueShow(const std::string& file) {
                 m.account.c_str());
   }
   std::printf("%d messages\n", n);
+}
+
+void CmdCodes() {
+  std::printf("Campaign kinds (campaign add --type):\n");
+  std::printf("  %-5d %s: each item once, its Interval days after the client's enrolment\n",
+              kSequentialOffsetKind, std::string(kSequentialOffsetCampaignName).c_str());
+  std::printf("  %-5d %s: the items in turn, one per run\n", kIncrementalKind,
+              std::string(kIncrementalCampaignName).c_str());
+  std::printf(
+      "  %-5d %s: every item to every enrolled client at each run; so are the\n"
+      "        schedule codes below, which also say when the campaign runs\n",
+      0, std::string(kStandardListName).c_str());
+  auto table = [](const char* heading, const auto& texts) {
+    std::printf("\n%s:\n", heading);
+    for (const ScheduleCodeText& entry : texts) {
+      std::printf("  %-5d %s%s\n", entry.code, std::string(entry.description).c_str(),
+                  entry.code == 105 ? "  (no weekday by design: no run date can be computed)" : "");
+    }
+  };
+  table("Weekly schedules", kWeeklyScheduleTexts);
+  table("Day-of-month schedules (203: the day is the campaign's --interval)",
+        kDayOfMonthScheduleTexts);
+  table("Weekday-of-month schedules", kWeekdayOfMonthScheduleTexts);
+  table("Every-N-days schedules (406: N is the campaign's --interval, from --effective)",
+        kEveryNDaysScheduleTexts);
 }
 
 }  // namespace quillo::cli

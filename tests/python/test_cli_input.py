@@ -260,3 +260,22 @@ def test_campaign_item_checks_the_template_and_stores_an_absolute_path(cli, tmp_
     (tmp_path / "good.txt").write_bytes(b"[HEADER]\nReplace: FIRST\n[/HEADER]\nHi <!--FIRST-->\n")
     cli.run("campaign", "item", "--campaign", "Drip", "--file", "good.txt", "--description", "Hi")
     assert str(tmp_path / "good.txt") in cli.out("campaign", "items", "--campaign", "Drip")
+
+
+def test_codes_lists_every_kind_and_schedule_code(cli):
+    listing = cli.out("codes")
+    for text in ("1     Sequential Offset Campaign", "2     Incremental Campaign",
+                 "100   Send Every Monday", "203   Send On the ??? of Every Month",
+                 "406   Send Every ??? Days (See Interval)", "105   Send Every Saturday  (no weekday"):
+        assert text in listing, text
+
+
+def test_campaign_add_takes_only_defined_codes_and_warns_on_105(cli):
+    bad = cli.run("campaign", "add", "--name", "X", "--type", "999", check=False)
+    assert bad.returncode == 1 and "quillo codes" in bad.stderr
+    warned = cli.run("campaign", "add", "--name", "Sat", "--type", "105")
+    assert "warning: code 105 has no weekday" in warned.stderr
+    schedule = cli.run("schedule", "--campaign", "Sat", "--date", "2026-03-01")
+    assert schedule.returncode == 0
+    assert "code 105 has no weekday, so it has no run dates" in schedule.stdout
+    assert "Subscript out of range" not in schedule.stdout
