@@ -230,7 +230,10 @@ int main(int argc, char** argv) {
   std::string table, key, xml_file;
   auto* r_export = record->add_subcommand("export", "Print a row as XML");
   r_export->add_option("table", table, "Table (dmclients, dmmrktcmp, ...)")->required();
-  r_export->add_option("key", key, "Key (RecID, or Account for dmclients)")->required();
+  r_export
+      ->add_option("key", key,
+                   "Key (RecID; for dmclients the Account or the client's e-mail address)")
+      ->required();
   bool with_secrets = false;
   r_export->add_flag("--with-secrets", with_secrets,
                      "Include secret columns (an account's password) instead of masking them");

@@ -501,7 +501,11 @@ void CmdAccountList(const GlobalOptions& g) {
 void CmdRecordExport(const GlobalOptions& g, const std::string& table, const std::string& key,
                      bool with_secrets) {
   Store store(g.db);
-  Dispatch record = store.LoadRecord(table, key);
+  // A client is known by its address; its key is accepted too.
+  std::string row_key = EqualsIgnoreCase(table, "dmclients") && key.find('@') != std::string::npos
+                            ? store.FindClient(key)
+                            : key;
+  Dispatch record = store.LoadRecord(table, row_key);
   if (!with_secrets && EqualsIgnoreCase(table, "dmsmtpaccounts") &&
       !record.Text("AccountPassword").empty()) {
     record.Put("AccountPassword", "********");
@@ -523,6 +527,15 @@ void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std
   record.Put("XML", xml);
   if (record.Get("Error").ToBool()) throw CommandError(record.Text("ErrorMessage"));
   if (EqualsIgnoreCase(table, "dmclients")) CheckAddress(Trim(record.Text("Email")));
+  // Rows that name a client (enrolments, sent items) may name it by address.
+  if (!EqualsIgnoreCase(table, "dmclients")) {
+    try {
+      std::string client = record.Text("Account");
+      if (client.find('@') != std::string::npos) record.Put("Account", store.FindClient(client));
+    } catch (const RuntimeError&) {
+      // The table has no Account column.
+    }
+  }
   Store::Save(record, table);
   std::printf("%s\n", record.Text(KeyColumn(table)).c_str());
 }

@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "codec/md5.h"
+#include "mail/address.h"
 #include "platform/database.h"
 #include "platform/schema.h"
 
@@ -206,8 +207,9 @@ std::string Store::FindCampaign(const std::string& name_or_id) const {
 
 std::string Store::FindClient(const std::string& account_or_email) const {
   std::vector<std::string> ids;
+  // An address matches whatever its case, as the command keeps it unique.
   Query("SELECT Account FROM dmclients WHERE Account = '" + SqlQuote(account_or_email) +
-            "' OR EMail = '" + SqlQuote(account_or_email) + "';",
+            "' OR LOWER(EMail) = '" + SqlQuote(mail::MailboxKey(account_or_email)) + "';",
         [&](const Row& row) { ids.push_back(row.Text("Account")); });
   if (ids.empty()) throw CommandError("unknown client '" + account_or_email + "'");
   if (ids.size() > 1) {

@@ -279,3 +279,17 @@ def test_campaign_add_takes_only_defined_codes_and_warns_on_105(cli):
     assert schedule.returncode == 0
     assert "code 105 has no weekday, so it has no run dates" in schedule.stdout
     assert "Subscript out of range" not in schedule.stdout
+
+
+def test_records_take_a_clients_address_where_a_key_is_wanted(cli, tmp_path):
+    account = cli.out("client", "add", "--email", "grace@example.test", "--first", "Grace").strip()
+    by_address = cli.out("record", "export", "dmclients", "Grace@Example.test")
+    assert "<ACCOUNT>%s</ACCOUNT>" % account in by_address
+    assert cli.out("record", "export", "dmclients", account) == by_address
+    cli.run("campaign", "add", "--name", "Drip", "--type", "1")
+    campaign = [l for l in cli.out("campaign", "list").splitlines() if "Drip" in l][0].split()[0]
+    (tmp_path / "e.xml").write_text(
+        "<DMCLIENTSMRKTCMP><ACCOUNT>grace@example.test</ACCOUNT><CAMPAIGNRECID>%s</CAMPAIGNRECID>"
+        "</DMCLIENTSMRKTCMP>" % campaign)
+    cli.run("record", "import", "dmclientsmrktcmp", str(tmp_path / "e.xml"))
+    assert "grace@example.test" in cli.out("enrol", "list", "--campaign", "Drip")
