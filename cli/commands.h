@@ -121,6 +121,16 @@ void CmdRun(const GlobalOptions& g, const RunOptions& r);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // Counts of the delivery ledger by state, and the messages in doubt.
 void CmdStatus(const GlobalOptions& g, const std::string& campaign);
+// Creates quillo_disabled_clients (the clients that get nothing) when missing.
+void CreateDisabledClientsTable(const Store& store);
+// Whether the client keyed `account` is disabled.
+bool ClientDisabled(const Store& store, const std::string& account);
+// Whether the campaign keyed `campaign_id` is disabled (its Disabled column).
+bool CampaignDisabled(const Store& store, const std::string& campaign_id);
+// Disables or enables a campaign (by name or key) or a client (by address or key).
+void CmdCampaignEnable(const GlobalOptions& g, const std::string& campaign, bool enable);
+void CmdClientEnable(const GlobalOptions& g, const std::string& client, bool enable);
+
 // Lists every campaign kind and schedule code with its text.
 void CmdCodes();
 void CmdSchedule(const GlobalOptions& g, const std::string& campaign, const std::string& date);

@@ -68,6 +68,15 @@ int main(int argc, char** argv) {
   campaign->add_subcommand("list", "List campaigns")->callback([&] {
     action = [&] { CmdCampaignList(g); };
   });
+  std::string switched_campaign;
+  for (bool enable : {false, true}) {
+    auto* c_switch = campaign->add_subcommand(
+        enable ? "enable" : "disable",
+        enable ? "Enable a campaign again" : "Disable a campaign: run and send skip it");
+    c_switch->add_option("campaign", switched_campaign, "Campaign name or id")->required();
+    c_switch->callback(
+        [&, enable] { action = [&, enable] { CmdCampaignEnable(g, switched_campaign, enable); }; });
+  }
   ItemAdd ia;
   auto* i_add = campaign->add_subcommand("item", "Add a message (template) to a campaign");
   i_add->add_option("--campaign", ia.campaign, "Campaign name or id")->required();
@@ -100,6 +109,15 @@ int main(int argc, char** argv) {
   client->add_subcommand("list", "List clients")->callback([&] {
     action = [&] { CmdClientList(g); };
   });
+  std::string switched_client;
+  for (bool enable : {false, true}) {
+    auto* cl_switch = client->add_subcommand(
+        enable ? "enable" : "disable",
+        enable ? "Enable a client again" : "Disable a client: send skips its messages");
+    cl_switch->add_option("client", switched_client, "Client e-mail or account")->required();
+    cl_switch->callback(
+        [&, enable] { action = [&, enable] { CmdClientEnable(g, switched_client, enable); }; });
+  }
   std::string client_csv;
   auto* cl_import = client->add_subcommand(
       "import", "Import clients from CSV (header: email,first,last,company,address,city,...)");

@@ -133,6 +133,7 @@ void CmdInit(const GlobalOptions& g) {
   auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
   delivery::CreateLedgerSchema(*connection);
   CreatePasswordReferenceTable(store);
+  CreateDisabledClientsTable(store);
   try {
     // One client per address whatever its case, even under concurrent imports.
     connection->Execute(
@@ -538,6 +539,56 @@ void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std
   }
   Store::Save(record, table);
   std::printf("%s\n", record.Text(KeyColumn(table)).c_str());
+}
+
+void CreateDisabledClientsTable(const Store& store) {
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  connection->Execute(
+      "CREATE TABLE IF NOT EXISTS quillo_disabled_clients (Account VARCHAR(32) NOT NULL PRIMARY "
+      "KEY)");
+}
+
+bool ClientDisabled(const Store& store, const std::string& account) {
+  try {
+    return !store
+                .Scalar("SELECT Account FROM quillo_disabled_clients WHERE Account = '" +
+                            SqlQuote(account) + "';",
+                        "Account")
+                .IsEmpty();
+  } catch (const RuntimeError&) {
+    return false;  // A database made before clients could be disabled.
+  }
+}
+
+bool CampaignDisabled(const Store& store, const std::string& campaign_id) {
+  return store
+             .Scalar(
+                 "SELECT Disabled FROM dmmrktcmp WHERE RecID = '" + SqlQuote(campaign_id) + "';",
+                 "Disabled")
+             .ToLong() != 0;
+}
+
+void CmdCampaignEnable(const GlobalOptions& g, const std::string& campaign, bool enable) {
+  Store store(g.db);
+  std::string id = store.FindCampaign(campaign);
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  connection->Execute("UPDATE dmmrktcmp SET Disabled = " + std::string(enable ? "0" : "1") +
+                      " WHERE RecID = '" + SqlQuote(id) + "';");
+  std::printf("campaign %s %s\n", campaign.c_str(), enable ? "enabled" : "disabled");
+}
+
+void CmdClientEnable(const GlobalOptions& g, const std::string& client, bool enable) {
+  Store store(g.db);
+  std::string account = store.FindClient(client);
+  CreateDisabledClientsTable(store);
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  connection->Execute("DELETE FROM quillo_disabled_clients WHERE Account = '" + SqlQuote(account) +
+                      "';");
+  if (!enable) {
+    connection->Execute("INSERT INTO quillo_disabled_clients (Account) VALUES ('" +
+                        SqlQuote(account) + "');");
+  }
+  std::printf("client %s %s\n", client.c_str(), enable ? "enabled" : "disabled");
 }
 
 }  // namespace quillo::cli

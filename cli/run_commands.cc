@@ -153,6 +153,10 @@ void CmdRun(const GlobalOptions& g, const RunOptions& r) {
   Store store(g.db);
   std::string campaign = store.FindCampaign(r.campaign);
   Date date = r.date.empty() ? Today() : ParseDateOption(r.date);
+  if (CampaignDisabled(store, campaign)) {
+    std::printf("campaign %s is disabled: not run\n", r.campaign.c_str());
+    return;
+  }
   RunSummary s = RunCampaign(store, campaign, date, r.queue, !r.quiet && isatty(STDOUT_FILENO));
   std::printf("run %s for %s: %d clients, %d messages", s.history_id.c_str(),
               FormatDate(date, "yyyy-mm-dd").c_str(), s.clients, s.messages);

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <regex>
 
 #include "commands.h"
@@ -282,6 +283,7 @@ struct Tally {
   int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;
   int in_doubt = 0;    // Claimed by a sender that stopped; not sent again unless asked.
   int busy = 0;        // Held by another sender working now.
+  int disabled = 0;    // For a disabled campaign or client: skipped.
   long abandoned = 0;  // Claims of stopped senders found at the start.
   bool AllDelivered() const {
     return deferred == 0 && refused == 0 && failed == 0 && in_doubt == 0;
@@ -437,6 +439,7 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
   delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
   Tally t;
   t.abandoned = ledger.MarkAbandonedClaims();
+  std::map<std::string, bool> disabled_campaigns;  // By campaign key.
   long done = 0;
   for (size_t start = 0; start < messages.size(); start += kGroupSize) {
     size_t end = std::min(messages.size(), start + kGroupSize);
@@ -447,6 +450,16 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
       const QueuedMessage& m = messages[i];
       if (AlreadySent(store, m)) {
         ++t.skipped;
+        progress.Update(++done, static_cast<long>(messages.size()), m.email);
+        continue;
+      }
+      auto campaign_off = disabled_campaigns.find(m.campaign_id);
+      if (campaign_off == disabled_campaigns.end()) {
+        campaign_off =
+            disabled_campaigns.emplace(m.campaign_id, CampaignDisabled(store, m.campaign_id)).first;
+      }
+      if (campaign_off->second || ClientDisabled(store, m.account)) {
+        ++t.disabled;
         progress.Update(++done, static_cast<long>(messages.size()), m.email);
         continue;
       }
@@ -569,7 +582,12 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   if (!o.campaign.empty()) {
     if (queue_file.empty()) queue_file = "~mqueue.txt";
     Date date = o.date.empty() ? Today() : ParseDateOption(o.date);
-    RunSummary run = RunCampaign(store, store.FindCampaign(o.campaign), date, queue_file, false);
+    std::string campaign = store.FindCampaign(o.campaign);
+    if (CampaignDisabled(store, campaign)) {
+      std::printf("campaign %s is disabled: nothing run or sent\n", o.campaign.c_str());
+      return;
+    }
+    RunSummary run = RunCampaign(store, campaign, date, queue_file, false);
     std::printf("run %s: %d clients, %d messages queued\n", run.history_id.c_str(), run.clients,
                 run.messages);
   } else if (queue_file.empty()) {
@@ -603,6 +621,9 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   progress.Finish();
   std::printf("sent %d, refused %d, failed %d, deferred %d, already sent %d (of %zu queued)\n",
               t.sent, t.refused, t.failed, t.deferred, t.skipped, messages.size());
+  if (t.disabled > 0) {
+    std::printf("skipped %d messages of disabled campaigns or clients\n", t.disabled);
+  }
   if (t.in_doubt > 0 || t.busy > 0 || t.abandoned > 0) {
     std::printf(
         "in doubt %d (not sent again; --resend-in-doubt sends them), held by another "

@@ -373,3 +373,26 @@ def test_the_password_is_read_from_the_accounts_variable_at_send_time(cli, smtp_
     assert done.returncode == 0, done.stderr
     assert "env-s3cret" not in done.stdout + done.stderr
     assert list(server.messages()) == ["ada@example.test"]
+
+
+def test_disabled_campaigns_and_clients_are_skipped_and_counted(cli, smtp_server):
+    server = smtp_server()
+    queue = campaign(cli, ["Hi"], clients=[("ada@example.test", "Ada", "L"),
+                                           ("alan@example.test", "Alan", "T")])
+    cli.run("client", "disable", "alan@example.test")
+    done = send(cli, queue, server)
+    assert done.returncode == 0, done.stderr
+    assert "sent 1," in done.stdout
+    assert "skipped 1 messages of disabled campaigns or clients" in done.stdout
+    assert list(server.messages()) == ["ada@example.test"]
+    cli.run("campaign", "disable", "Drip")
+    run = cli.out("run", "--campaign", "Drip", "--date", "2026-03-02")
+    assert "campaign Drip is disabled: not run" in run
+    both = cli.out("send", "--campaign", "Drip", "--date", "2026-03-02", "--smtp",
+                   "smtp://127.0.0.1:%d" % server.port, "--from", "news@quillo.example", "-q")
+    assert "campaign Drip is disabled: nothing run or sent" in both
+    cli.run("client", "enable", "alan@example.test")
+    cli.run("campaign", "enable", "Drip")
+    again = send(cli, queue, server)
+    assert again.returncode == 0, again.stderr
+    assert sorted(server.messages()) == ["ada@example.test", "alan@example.test"]
