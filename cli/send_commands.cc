@@ -347,7 +347,12 @@ DeliverFunction CompatDeliverer(const Store& store, SmtpSettings settings, const
       a.reason = smtp.Text("WinsockErrorDescription");
       return a;
     }
-    Outcome outcome = ReadOutcome(smtp.Text("Transcript"), &a.reason);
+    const std::string transcript = smtp.Text("Transcript");
+    if (spdlog::should_log(spdlog::level::debug)) {
+      for (const auto& line : Split(transcript, "\n"))
+        if (!line.empty()) spdlog::debug("smtp {}", line);
+    }
+    Outcome outcome = ReadOutcome(transcript, &a.reason);
     a.kind = outcome == Outcome::kAccepted  ? smtp::OutcomeKind::kAccepted
              : outcome == Outcome::kRefused ? smtp::OutcomeKind::kRefused
                                             : smtp::OutcomeKind::kFailed;
@@ -378,6 +383,9 @@ delivery::Account ModernAccount(const SmtpSettings& s, const SendOptions& o) {
   if (o.timeout > 0) smtp::OverrideTimeouts(a.session.timeouts, std::chrono::seconds(o.timeout));
   a.from.address = s.sender;
   a.from.name = s.friendly;
+  // -v shows the dialogue; the session masks credentials itself.
+  if (spdlog::should_log(spdlog::level::debug))
+    a.session.trace = [](std::string_view line) { spdlog::debug("smtp {}", line); };
   return a;
 }
 

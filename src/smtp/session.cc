@@ -362,6 +362,7 @@ bool Session::ReadReply(std::chrono::seconds timeout, Reply* reply, Outcome* fai
   while (true) {
     if (auto next = parser_.Next()) {
       *reply = std::move(*next);
+      if (options_.trace) options_.trace("S: " + reply->Text());
       if (reply->malformed) {
         *failure = Make(OutcomeKind::kFailed, "the server sent a malformed reply", reply);
         Drop();
@@ -381,9 +382,14 @@ bool Session::ReadReply(std::chrono::seconds timeout, Reply* reply, Outcome* fai
   }
 }
 
+void Session::Sent(std::string_view line) {
+  transcript_.emplace_back(line);
+  if (options_.trace) options_.trace("C: " + std::string(line));
+}
+
 bool Session::Command(std::string_view line, std::chrono::seconds timeout, Reply* reply,
                       Outcome* failure, bool secret) {
-  transcript_.push_back(secret ? std::string("AUTH ****") : std::string(line));
+  Sent(secret ? std::string_view("AUTH ****") : line);
   std::string bytes(line);
   bytes += "\r\n";
   return Write(bytes, timeout, failure) && ReadReply(timeout, reply, failure);
@@ -657,7 +663,7 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   if (capabilities_.pipelining) {
     std::string batch;
     for (const auto& c : commands) {
-      transcript_.push_back(c);
+      Sent(c);
       batch += c;
       batch += "\r\n";
     }

@@ -33,6 +33,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -76,6 +77,9 @@ struct SessionOptions {
   bool allow_plaintext_auth = false;  // AUTH without TLS.
   Timeouts timeouts;
   std::size_t max_messages_per_connection = 0;  // 0: no cap.
+  // Called with each line of the dialogue, "C: " for a command and "S: " for
+  // a reply, credentials masked. Empty: no trace.
+  std::function<void(std::string_view)> trace;
 };
 
 // What the server offered in its EHLO reply.
@@ -152,6 +156,8 @@ class Session {
   Outcome StartTls();
   Outcome Authenticate();
   Outcome SendOnce(const Envelope& envelope, std::string_view message, bool* retry);
+  // Records a command line in the transcript and the trace.
+  void Sent(std::string_view line);
   // Sends `line` (CRLF added) and reads the reply within `timeout`.
   bool Command(std::string_view line, std::chrono::seconds timeout, Reply* reply, Outcome* failure,
                bool secret = false);
