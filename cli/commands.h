@@ -19,6 +19,25 @@ struct GlobalOptions {
 // A date given on the command line as YYYY-MM-DD; CommandError otherwise.
 Date ParseDateOption(const std::string& text);
 
+// The date given as YYYY-MM-DD, or today when `text` is empty.
+Date DateOrToday(const std::string& text);
+
+// CommandError when `value` holds what a queue file cannot carry in a field
+// (a double quote or a line break): such a field would not read back intact.
+void CheckQueueField(const char* what, const std::string& value);
+
+// CommandError unless `address` is a mailbox mail can be sent to.
+void CheckAddress(const std::string& address);
+
+// CommandError unless `type` is a campaign kind or a schedule code; warns on
+// 105, which has no run dates.
+void CheckCampaignType(std::int32_t type);
+
+// The absolute path of template `file` after checking that it exists and
+// can make a message (with `subject`); CommandError otherwise. Stored
+// absolute, a template resolves the same from any folder.
+std::string CheckedTemplatePath(const std::string& file, const std::string& subject);
+
 // Text form of a date for listings ("yyyy-mm-dd", or "-" for the zero date).
 std::string DateText(Date d);
 
@@ -121,15 +140,8 @@ void CmdRun(const GlobalOptions& g, const RunOptions& r);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // Counts of the delivery ledger by state, and the messages in doubt.
 void CmdStatus(const GlobalOptions& g, const std::string& campaign);
-// Creates quillo_disabled_clients (the clients that get nothing) when missing.
-void CreateDisabledClientsTable(const Store& store);
-// Whether the client keyed `account` is disabled.
-bool ClientDisabled(const Store& store, const std::string& account);
 // Whether the campaign keyed `campaign_id` is disabled (its Disabled column).
 bool CampaignDisabled(const Store& store, const std::string& campaign_id);
-// Disables or enables a campaign (by name or key) or a client (by address or key).
-void CmdCampaignEnable(const GlobalOptions& g, const std::string& campaign, bool enable);
-void CmdClientEnable(const GlobalOptions& g, const std::string& client, bool enable);
 
 // Lists every campaign kind and schedule code with its text.
 void CmdCodes();

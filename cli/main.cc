@@ -10,6 +10,7 @@
 
 #include "commands.h"
 #include "mail/composer.h"
+#include "manage.h"
 
 namespace {
 
@@ -50,7 +51,8 @@ int main(int argc, char** argv) {
   init->callback([&] { action = [&] { CmdInit(g); }; });
 
   // campaign
-  auto* campaign = app.add_subcommand("campaign", "Add and list campaigns and their items");
+  auto* campaign = app.add_subcommand(
+      "campaign", "Add, list, edit, delete, disable and enable campaigns and their items");
   campaign->require_subcommand(1);
   CampaignAdd ca;
   auto* c_add = campaign->add_subcommand("add", "Add a campaign");
@@ -68,15 +70,7 @@ int main(int argc, char** argv) {
   campaign->add_subcommand("list", "List campaigns")->callback([&] {
     action = [&] { CmdCampaignList(g); };
   });
-  std::string switched_campaign;
-  for (bool enable : {false, true}) {
-    auto* c_switch = campaign->add_subcommand(
-        enable ? "enable" : "disable",
-        enable ? "Enable a campaign again" : "Disable a campaign: run and send skip it");
-    c_switch->add_option("campaign", switched_campaign, "Campaign name or id")->required();
-    c_switch->callback(
-        [&, enable] { action = [&, enable] { CmdCampaignEnable(g, switched_campaign, enable); }; });
-  }
+  AddManageCommands(campaign, "campaign", g, action);
   ItemAdd ia;
   auto* i_add = campaign->add_subcommand("item", "Add a message (template) to a campaign");
   i_add->add_option("--campaign", ia.campaign, "Campaign name or id")->required();
@@ -90,7 +84,8 @@ int main(int argc, char** argv) {
   i_list->callback([&] { action = [&] { CmdItemList(g, items_campaign); }; });
 
   // client
-  auto* client = app.add_subcommand("client", "Add, list and import clients");
+  auto* client =
+      app.add_subcommand("client", "Add, list, import, edit, delete, disable and enable clients");
   client->require_subcommand(1);
   ClientAdd cl;
   auto* cl_add = client->add_subcommand("add", "Add a client");
@@ -109,15 +104,7 @@ int main(int argc, char** argv) {
   client->add_subcommand("list", "List clients")->callback([&] {
     action = [&] { CmdClientList(g); };
   });
-  std::string switched_client;
-  for (bool enable : {false, true}) {
-    auto* cl_switch = client->add_subcommand(
-        enable ? "enable" : "disable",
-        enable ? "Enable a client again" : "Disable a client: send skips its messages");
-    cl_switch->add_option("client", switched_client, "Client e-mail or account")->required();
-    cl_switch->callback(
-        [&, enable] { action = [&, enable] { CmdClientEnable(g, switched_client, enable); }; });
-  }
+  AddManageCommands(client, "client", g, action);
   std::string client_csv;
   auto* cl_import = client->add_subcommand(
       "import", "Import clients from CSV (header: email,first,last,company,address,city,...)");
@@ -125,7 +112,8 @@ int main(int argc, char** argv) {
   cl_import->callback([&] { action = [&] { CmdClientImport(g, client_csv); }; });
 
   // enrol
-  auto* enrol = app.add_subcommand("enrol", "Enrol clients in a campaign");
+  auto* enrol = app.add_subcommand(
+      "enrol", "Enrol clients in a campaign; edit, delete, disable and enable enrolments");
   EnrolAdd ea;
   std::string enrol_list_campaign, enrol_csv;
   auto* e_add = enrol->add_subcommand("add", "Enrol one client");
@@ -140,10 +128,17 @@ int main(int argc, char** argv) {
   e_import->add_option("--campaign", enrol_list_campaign, "Campaign name or id")->required();
   e_import->add_option("file", enrol_csv, "CSV file")->required();
   e_import->callback([&] { action = [&] { CmdEnrolImport(g, enrol_list_campaign, enrol_csv); }; });
+  AddManageCommands(enrol, "enrolment", g, action);
   enrol->require_subcommand(1);
 
+  // item
+  auto* item = app.add_subcommand("item", "Edit, delete, disable and enable campaign items");
+  item->require_subcommand(1);
+  AddManageCommands(item, "item", g, action);
+
   // account
-  auto* account = app.add_subcommand("account", "Add and list SMTP accounts");
+  auto* account =
+      app.add_subcommand("account", "Add, list, edit, delete, disable and enable SMTP accounts");
   account->require_subcommand(1);
   AccountAdd aa;
   auto* a_add = account->add_subcommand("add", "Add an SMTP account");
@@ -168,6 +163,7 @@ int main(int argc, char** argv) {
   auto* a_default = account->add_subcommand("default", "Make one account the default");
   a_default->add_option("email", default_account, "The account's e-mail address")->required();
   a_default->callback([&] { action = [&] { CmdAccountDefault(g, default_account); }; });
+  AddManageCommands(account, "account", g, action);
 
   // run
   RunOptions ro;

@@ -13,6 +13,7 @@
 #include "delivery/ledger.h"
 #include "mail/address.h"
 #include "mail/template_draft.h"
+#include "manage.h"
 #include "platform/format.h"
 #include "records/dmclients.h"
 
@@ -40,9 +41,9 @@ std::string DateText(Date d) {
   return FormatDate(d, "yyyy-mm-dd");
 }
 
-namespace {
-
 Date DateOrToday(const std::string& text) { return text.empty() ? Today() : ParseDateOption(text); }
+
+namespace {
 
 void PrintTable(const std::vector<std::string>& header,
                 const std::vector<std::vector<std::string>>& rows) {
@@ -110,22 +111,47 @@ void ImportSummary(const char* verb, int done, size_t rows, const char* what) {
   }
 }
 
-// CommandError when `value` holds what a queue file cannot carry in a field
-// (a double quote or a line break): such a field would not read back intact.
+}  // namespace
+
 void CheckQueueField(const char* what, const std::string& value) {
   if (value.find_first_of("\"\r\n") != std::string::npos) {
     throw CommandError(std::string(what) + " may not hold a double quote or a line break");
   }
 }
 
-// CommandError unless `address` is a mailbox mail can be sent to.
 void CheckAddress(const std::string& address) {
   if (auto problem = mail::MailboxProblem(address)) {
     throw CommandError("'" + address + "' is not a valid e-mail address: " + *problem);
   }
 }
 
-}  // namespace
+void CheckCampaignType(std::int32_t type) {
+  if (type != 0 && type != kSequentialOffsetKind && type != kIncrementalKind &&
+      ScheduleCodeDescription(type).empty()) {
+    throw CommandError(
+        "--type " + std::to_string(type) +
+        " is neither a campaign kind nor a schedule code: `quillo codes` lists them");
+  }
+  if (type == 105) {
+    std::fprintf(stderr,
+                 "quillo: warning: code 105 has no weekday by design, so no run date can be "
+                 "computed for it (`quillo schedule` will say so)\n");
+  }
+}
+
+std::string CheckedTemplatePath(const std::string& file, const std::string& subject) {
+  std::string path = std::filesystem::absolute(NativePath(file)).lexically_normal().string();
+  CheckQueueField("a template file name", path);
+  if (!FileExists(path)) throw CommandError("no template file '" + file + "'");
+  try {
+    dmclients nobody;
+    nobody.Email("nobody@example.test");
+    mail::DraftFromTemplate(path, nobody, subject, {"", "nobody@example.test"});
+  } catch (const std::exception& e) {
+    throw CommandError(std::string("the template cannot be used: ") + e.what());
+  }
+  return path;
+}
 
 void CmdInit(const GlobalOptions& g) {
   Store store(g.db, /*allow_empty=*/true);
@@ -133,7 +159,7 @@ void CmdInit(const GlobalOptions& g) {
   auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
   delivery::CreateLedgerSchema(*connection);
   CreatePasswordReferenceTable(store);
-  CreateDisabledClientsTable(store);
+  CreateDisabledTable(store);
   try {
     // One client per address whatever its case, even under concurrent imports.
     connection->Execute(
@@ -151,17 +177,7 @@ void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a) {
   Store store(g.db);
   if (Trim(a.name).empty()) throw CommandError("a campaign needs a --name");
   CheckQueueField("a campaign name", a.name);
-  if (a.type != 0 && a.type != kSequentialOffsetKind && a.type != kIncrementalKind &&
-      ScheduleCodeDescription(a.type).empty()) {
-    throw CommandError(
-        "--type " + std::to_string(a.type) +
-        " is neither a campaign kind nor a schedule code: `quillo codes` lists them");
-  }
-  if (a.type == 105) {
-    std::fprintf(stderr,
-                 "quillo: warning: code 105 has no weekday by design, so no run date can be "
-                 "computed for it (`quillo schedule` will say so)\n");
-  }
+  CheckCampaignType(a.type);
   Variant existing = store.Scalar(
       "SELECT RecID FROM dmmrktcmp WHERE CampaignName = '" + SqlQuote(a.name) + "';", "RecID");
   if (!existing.IsEmpty()) throw CommandError("a campaign named '" + a.name + "' exists already");
@@ -189,19 +205,7 @@ void CmdCampaignList(const GlobalOptions& g) {
 void CmdItemAdd(const GlobalOptions& g, const ItemAdd& a) {
   Store store(g.db);
   std::string campaign = store.FindCampaign(a.campaign);
-  // The template must be there and read as intended now, not at send time,
-  // and its path must resolve the same from any folder: it is stored
-  // absolute.
-  std::string file = std::filesystem::absolute(NativePath(a.file)).lexically_normal().string();
-  CheckQueueField("a template file name", file);
-  if (!FileExists(file)) throw CommandError("no template file '" + a.file + "'");
-  try {
-    dmclients nobody;
-    nobody.Email("nobody@example.test");
-    mail::DraftFromTemplate(file, nobody, a.description, {"", "nobody@example.test"});
-  } catch (const std::exception& e) {
-    throw CommandError(std::string("the template cannot be used: ") + e.what());
-  }
+  std::string file = CheckedTemplatePath(a.file, a.description);
   Dispatch item = store.NewRecord("dmmrktcmpitems");
   item.Put("CampaignRecID", campaign);
   item.Put("MessageFileName", file);
@@ -541,54 +545,12 @@ void CmdRecordImport(const GlobalOptions& g, const std::string& table, const std
   std::printf("%s\n", record.Text(KeyColumn(table)).c_str());
 }
 
-void CreateDisabledClientsTable(const Store& store) {
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
-  connection->Execute(
-      "CREATE TABLE IF NOT EXISTS quillo_disabled_clients (Account VARCHAR(32) NOT NULL PRIMARY "
-      "KEY)");
-}
-
-bool ClientDisabled(const Store& store, const std::string& account) {
-  try {
-    return !store
-                .Scalar("SELECT Account FROM quillo_disabled_clients WHERE Account = '" +
-                            SqlQuote(account) + "';",
-                        "Account")
-                .IsEmpty();
-  } catch (const RuntimeError&) {
-    return false;  // A database made before clients could be disabled.
-  }
-}
-
 bool CampaignDisabled(const Store& store, const std::string& campaign_id) {
   return store
              .Scalar(
                  "SELECT Disabled FROM dmmrktcmp WHERE RecID = '" + SqlQuote(campaign_id) + "';",
                  "Disabled")
              .ToLong() != 0;
-}
-
-void CmdCampaignEnable(const GlobalOptions& g, const std::string& campaign, bool enable) {
-  Store store(g.db);
-  std::string id = store.FindCampaign(campaign);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
-  connection->Execute("UPDATE dmmrktcmp SET Disabled = " + std::string(enable ? "0" : "1") +
-                      " WHERE RecID = '" + SqlQuote(id) + "';");
-  std::printf("campaign %s %s\n", campaign.c_str(), enable ? "enabled" : "disabled");
-}
-
-void CmdClientEnable(const GlobalOptions& g, const std::string& client, bool enable) {
-  Store store(g.db);
-  std::string account = store.FindClient(client);
-  CreateDisabledClientsTable(store);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
-  connection->Execute("DELETE FROM quillo_disabled_clients WHERE Account = '" + SqlQuote(account) +
-                      "';");
-  if (!enable) {
-    connection->Execute("INSERT INTO quillo_disabled_clients (Account) VALUES ('" +
-                        SqlQuote(account) + "');");
-  }
-  std::printf("client %s %s\n", client.c_str(), enable ? "enabled" : "disabled");
 }
 
 }  // namespace quillo::cli

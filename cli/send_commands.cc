@@ -24,6 +24,7 @@
 #include "delivery/ledger.h"
 #include "delivery/mailer.h"
 #include "mail/template_draft.h"
+#include "manage.h"
 #include "platform/event_loop.h"
 #include "platform/socket.h"
 #include "platform/tcp_socket.h"
@@ -90,13 +91,22 @@ SmtpSettings ParseSmtpUrl(const std::string& url) {
   return s;
 }
 
-// The dmsmtpaccounts rows with `email` (every row when it is empty), each
-// with whether it is the default.
+// The enabled dmsmtpaccounts rows with `email` (every row when it is empty),
+// each with whether it is the default. CommandError when the account named
+// by `email` is disabled.
 std::vector<std::pair<SmtpSettings, bool>> ReadAccounts(const Store& store,
                                                         const std::string& email) {
   std::string where = email.empty() ? "" : " WHERE Email = '" + SqlQuote(email) + "'";
   std::vector<std::pair<SmtpSettings, bool>> found;
+  const DisabledSet disabled(store);
   store.Query("SELECT * FROM dmsmtpaccounts" + where + ";", [&](const Row& r) {
+    if (disabled.AccountDisabled(r.Text("Email"))) {
+      if (!email.empty()) {
+        throw CommandError("SMTP account '" + email +
+                           "' is disabled: `quillo account enable` it, or pick another");
+      }
+      return;  // A disabled account is never the default or the only one.
+    }
     SmtpSettings s;
     s.server = r.Text("MailServer");
     s.port = r.Value("Port").ToLong();
@@ -447,7 +457,7 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
   delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
   Tally t;
   t.abandoned = ledger.MarkAbandonedClaims();
-  std::map<std::string, bool> disabled_campaigns;  // By campaign key.
+  const DisabledSet disabled(store);
   long done = 0;
   for (size_t start = 0; start < messages.size(); start += kGroupSize) {
     size_t end = std::min(messages.size(), start + kGroupSize);
@@ -461,12 +471,7 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
         progress.Update(++done, static_cast<long>(messages.size()), m.email);
         continue;
       }
-      auto campaign_off = disabled_campaigns.find(m.campaign_id);
-      if (campaign_off == disabled_campaigns.end()) {
-        campaign_off =
-            disabled_campaigns.emplace(m.campaign_id, CampaignDisabled(store, m.campaign_id)).first;
-      }
-      if (campaign_off->second || ClientDisabled(store, m.account)) {
+      if (disabled.Reason(m)) {
         ++t.disabled;
         progress.Update(++done, static_cast<long>(messages.size()), m.email);
         continue;
@@ -630,7 +635,8 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   std::printf("sent %d, refused %d, failed %d, deferred %d, already sent %d (of %zu queued)\n",
               t.sent, t.refused, t.failed, t.deferred, t.skipped, messages.size());
   if (t.disabled > 0) {
-    std::printf("skipped %d messages of disabled campaigns or clients\n", t.disabled);
+    std::printf("skipped %d messages of disabled campaigns, clients, enrolments or items\n",
+                t.disabled);
   }
   if (t.in_doubt > 0 || t.busy > 0 || t.abandoned > 0) {
     std::printf(

@@ -23,9 +23,10 @@ class Cli:
         self.folder = folder
         self.db = "sqlite:" + str(folder / "quillo.db")
 
-    def run(self, *args, check=True, env=None):
+    def run(self, *args, check=True, env=None, input=None):
         done = subprocess.run([QUILLO, "--db", self.db, *args], cwd=self.folder,
-                              capture_output=True, text=True, timeout=120, env=env)
+                              capture_output=True, text=True, timeout=120, env=env,
+                              input=input if input is not None else "")
         if check:
             assert done.returncode == 0, done.stderr
         return done

@@ -383,7 +383,7 @@ def test_disabled_campaigns_and_clients_are_skipped_and_counted(cli, smtp_server
     done = send(cli, queue, server)
     assert done.returncode == 0, done.stderr
     assert "sent 1," in done.stdout
-    assert "skipped 1 messages of disabled campaigns or clients" in done.stdout
+    assert "skipped 1 messages of disabled campaigns, clients, enrolments or items" in done.stdout
     assert list(server.messages()) == ["ada@example.test"]
     cli.run("campaign", "disable", "Drip")
     run = cli.out("run", "--campaign", "Drip", "--date", "2026-03-02")
