@@ -113,7 +113,16 @@ class NotAllDelivered : public PartlyDone {
   using PartlyDone::PartlyDone;
 };
 
+// The version of the tables `init` makes: the library's tables with the
+// command's own (secrets, disabled rows, the delivery ledger, the unique
+// address index). 1 is a database from before the version was recorded.
+inline constexpr int kSchemaVersion = 2;
+
 void CmdInit(const GlobalOptions& g);
+// The schema version recorded in the database (quillo_meta), 1 when none is.
+int DatabaseSchemaVersion(const Store& store);
+// Prints the command's version, the schema it makes and the database's.
+void CmdVersion(const GlobalOptions& g);
 void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a);
 void CmdCampaignList(const GlobalOptions& g);
 void CmdItemAdd(const GlobalOptions& g, const ItemAdd& a);

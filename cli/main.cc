@@ -38,8 +38,10 @@ int Guard(const std::function<void()>& body) {
 
 int main(int argc, char** argv) {
   CLI::App app{"quillo: timed, sequential (drip) e-mail campaigns"};
-  app.require_subcommand(1);
-  app.set_version_flag("--version", std::string("quillo ") + quillo::mail::Version());
+  app.require_subcommand(0, 1);
+  bool show_version = false;
+  app.add_flag("--version", show_version,
+               "Print the version, the schema version and that of the --db database");
   GlobalOptions g;
   app.add_option("--db", g.db, "Database: sqlite:PATH, sqlite::memory: or a PostgreSQL URI")
       ->capture_default_str();
@@ -274,6 +276,12 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     // --help and --version end here with 0; a usage error is 2, as for most commands.
     return app.exit(e) == 0 ? 0 : 2;
+  }
+  if (show_version) return Guard([&] { CmdVersion(g); });
+  if (!action) {
+    std::fprintf(stderr, "%s\nquillo: a subcommand is required (--help lists them)\n",
+                 app.help().c_str());
+    return 2;
   }
   auto logger = spdlog::stderr_color_mt("quillo");
   spdlog::set_default_logger(logger);

@@ -12,6 +12,7 @@
 #include "csv.h"
 #include "delivery/ledger.h"
 #include "mail/address.h"
+#include "mail/composer.h"
 #include "mail/template_draft.h"
 #include "manage.h"
 #include "platform/format.h"
@@ -170,7 +171,38 @@ void CmdInit(const GlobalOptions& g) {
                  "%s\n",
                  e.description.c_str());
   }
-  std::printf("initialised %s\n", RedactConnectionText(g.db).c_str());
+  connection->Execute(
+      "CREATE TABLE IF NOT EXISTS quillo_meta (Name VARCHAR(64) NOT NULL PRIMARY KEY, Value "
+      "TEXT)");
+  connection->Execute("DELETE FROM quillo_meta WHERE Name = 'schema_version'");
+  connection->Execute("INSERT INTO quillo_meta (Name, Value) VALUES ('schema_version', '" +
+                      std::to_string(kSchemaVersion) + "')");
+  std::printf("initialised %s (schema %d)\n", RedactConnectionText(g.db).c_str(), kSchemaVersion);
+}
+
+int DatabaseSchemaVersion(const Store& store) {
+  try {
+    return static_cast<int>(
+        store.Scalar("SELECT Value FROM quillo_meta WHERE Name = 'schema_version';", "Value")
+            .ToLong());
+  } catch (const RuntimeError&) {
+    return 1;  // The tables, from before the command recorded a version.
+  }
+}
+
+void CmdVersion(const GlobalOptions& g) {
+  std::printf("quillo %s\n", mail::Version());
+  std::printf("schema %d (what `quillo init` makes)\n", kSchemaVersion);
+  try {
+    Store store(g.db);
+    int found = DatabaseSchemaVersion(store);
+    std::printf("database %s: schema %d%s\n", RedactConnectionText(g.db).c_str(), found,
+                found < kSchemaVersion ? " (`quillo init` brings it up to date)" : "");
+  } catch (const RuntimeError& e) {
+    std::printf("database %s: %s\n", RedactConnectionText(g.db).c_str(), e.description.c_str());
+  } catch (const std::exception& e) {
+    std::printf("database %s: %s\n", RedactConnectionText(g.db).c_str(), e.what());
+  }
 }
 
 void CmdCampaignAdd(const GlobalOptions& g, const CampaignAdd& a) {

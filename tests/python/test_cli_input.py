@@ -160,11 +160,34 @@ def test_a_postgresql_password_is_never_printed(tmp_path):
     assert "Sup3rSecret" not in keyvalue.stdout + keyvalue.stderr
 
 
-def test_version_and_usage_errors():
+def test_version_names_the_schema_and_the_databases_schema(tmp_path):
     import re
-    done = subprocess.run([QUILLO, "--version"], capture_output=True, text=True, timeout=60)
+    db = "sqlite:" + str(tmp_path / "v.db")
+    done = subprocess.run([QUILLO, "--db", db, "--version"], capture_output=True, text=True,
+                          timeout=60)
     assert done.returncode == 0
-    assert re.fullmatch(r"quillo \d+\.\d+\.\d+\n", done.stdout)
+    lines = done.stdout.splitlines()
+    assert re.fullmatch(r"quillo \d+\.\d+\.\d+", lines[0])
+    made = re.fullmatch(r"schema (\d+) \(what `quillo init` makes\)", lines[1]).group(1)
+    assert "no database at" in lines[2]
+    subprocess.run([QUILLO, "--db", db, "init"], check=True, capture_output=True, timeout=60)
+    done = subprocess.run([QUILLO, "--db", db, "--version"], capture_output=True, text=True,
+                          timeout=60)
+    assert done.stdout.splitlines()[2] == "database %s: schema %s" % (db, made)
+    # A database made before the version was recorded reads as schema 1.
+    import sqlite3
+    con = sqlite3.connect(str(tmp_path / "v.db"))
+    con.execute("DROP TABLE quillo_meta")
+    con.commit()
+    con.close()
+    done = subprocess.run([QUILLO, "--db", db, "--version"], capture_output=True, text=True,
+                          timeout=60)
+    assert "schema 1 (`quillo init` brings it up to date)" in done.stdout
+
+
+def test_usage_errors_exit_2():
+    nothing = subprocess.run([QUILLO], capture_output=True, text=True, timeout=60)
+    assert nothing.returncode == 2 and "a subcommand is required" in nothing.stderr
     wrong = subprocess.run([QUILLO, "send", "--no-such-option"], capture_output=True, text=True,
                            timeout=60)
     assert wrong.returncode == 2
