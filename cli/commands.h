@@ -76,6 +76,11 @@ struct RunOptions {
   std::string queue;  // Empty: the messages are listed, not queued.
   bool quiet = false;
 };
+struct TickOptions {
+  std::string date;  // YYYY-MM-DD; default today.
+  bool dry_run = false;
+  int catch_up = 7;  // Days back that missed due dates are run.
+};
 struct SendOptions {
   std::string queue;
   std::string campaign;  // With date: run first, then send what the run queued.
@@ -147,6 +152,11 @@ std::optional<std::string> ReferencedPassword(const Store& store, const std::str
 void CmdAccountDefault(const GlobalOptions& g, const std::string& email);
 void CmdRun(const GlobalOptions& g, const RunOptions& r);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
+// Runs and sends, once per date, every enabled campaign that is due on the
+// tick's date or was due since its last run (within the catch-up window),
+// sending as `send` says. PartlyDone when messages were not all delivered,
+// CommandError when a campaign date failed or was missed.
+void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send);
 // Counts of the delivery ledger by state, and the messages in doubt.
 void CmdStatus(const GlobalOptions& g, const std::string& campaign);
 // Whether the campaign keyed `campaign_id` is disabled (its Disabled column).

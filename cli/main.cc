@@ -34,6 +34,35 @@ int Guard(const std::function<void()>& body) {
   return 1;
 }
 
+// The options that say how to send, shared by send and tick.
+void AddSendOptions(CLI::App* app, SendOptions& o) {
+  app->add_option("--smtp", o.smtp,
+                   "smtp://[user@]host[:port] or smtps://... (password from QUILLO_SMTP_PASSWORD "
+                   "or a prompt)");
+  app->add_option("--account", o.account, "Send from this SMTP account (its e-mail)");
+  app->add_option("--templates", o.templates, "Folder for relative template names");
+  app->add_option("--ca-file", o.ca_file, "Trust this CA certificate for smtps");
+  app->add_option("--timeout", o.timeout,
+                   "Seconds to wait for each reply (default: the standard SMTP timeouts)");
+  app->add_option("--tls", o.tls,
+                   "STARTTLS: required, opportunistic (when offered) or none; smtps:// URLs use "
+                   "implicit TLS")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"required", "opportunistic", "none"}));
+  app->add_flag(
+      "--allow-plaintext-auth", o.allow_plaintext_auth,
+      "Allow AUTH on a connection without TLS (the password crosses the network in clear)");
+  app->add_option("--helo", o.helo, "Name given in EHLO (default: this host's name)");
+  app->add_option("--from", o.from, "Sender address (with --smtp, or instead of the account's)");
+  app->add_option("--from-name", o.from_name, "Sender display name");
+  app->add_flag(
+      "--resend-in-doubt", o.resend_in_doubt,
+      "Send again the messages a stopped sender had claimed: each may then arrive twice");
+  app->add_flag("--compat", o.compat,
+                 "Send through the library's documented classes (dmMessage, ardESMTP), unchanged: "
+                 "no dot-stuffing, no header encoding; for trusted content only");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -182,34 +211,24 @@ int main(int argc, char** argv) {
   send->add_option("--queue", so.queue, "Queue file to send");
   send->add_option("--campaign", so.campaign, "Run this campaign first (with --date)");
   send->add_option("--date", so.date, "Run date YYYY-MM-DD for --campaign (default today)");
-  send->add_option("--smtp", so.smtp,
-                   "smtp://[user@]host[:port] or smtps://... (password from QUILLO_SMTP_PASSWORD "
-                   "or a prompt)");
-  send->add_option("--account", so.account, "Send from this SMTP account (its e-mail)");
-  send->add_option("--templates", so.templates, "Folder for relative template names");
-  send->add_option("--ca-file", so.ca_file, "Trust this CA certificate for smtps");
-  send->add_option("--timeout", so.timeout,
-                   "Seconds to wait for each reply (default: the standard SMTP timeouts)");
-  send->add_option("--tls", so.tls,
-                   "STARTTLS: required, opportunistic (when offered) or none; smtps:// URLs use "
-                   "implicit TLS")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"required", "opportunistic", "none"}));
-  send->add_flag(
-      "--allow-plaintext-auth", so.allow_plaintext_auth,
-      "Allow AUTH on a connection without TLS (the password crosses the network in clear)");
-  send->add_option("--helo", so.helo, "Name given in EHLO (default: this host's name)");
-  send->add_option("--from", so.from, "Sender address (with --smtp, or instead of the account's)");
-  send->add_option("--from-name", so.from_name, "Sender display name");
-  send->add_flag(
-      "--resend-in-doubt", so.resend_in_doubt,
-      "Send again the messages a stopped sender had claimed: each may then arrive twice");
-  send->add_flag("--compat", so.compat,
-                 "Send through the library's documented classes (dmMessage, ardESMTP), unchanged: "
-                 "no dot-stuffing, no header encoding; for trusted content only");
+  AddSendOptions(send, so);
   send->add_flag("-q,--quiet", so.quiet, "No progress bar");
   send->add_flag("--timings", so.timings, "Print the time spent in each stage of sending");
   send->callback([&] { action = [&] { CmdSend(g, so); }; });
+
+  // tick
+  TickOptions to;
+  SendOptions tick_send;
+  auto* tick = app.add_subcommand(
+      "tick", "Run and send every campaign that is due (the daily job for cron or a timer)");
+  tick->add_option("--date", to.date, "The day to tick for, YYYY-MM-DD (default today)");
+  tick->add_flag("--dry-run", to.dry_run,
+                 "Print what would run and how many messages each would make; write nothing");
+  tick->add_option("--catch-up", to.catch_up,
+                   "Run missed due dates this many days back (older ones are reported)")
+      ->capture_default_str();
+  AddSendOptions(tick, tick_send);
+  tick->callback([&] { action = [&] { CmdTick(g, to, tick_send); }; });
 
   // status
   std::string status_campaign;

@@ -1,0 +1,221 @@
+// quillo tick: runs and sends every campaign that is due, once per date.
+//
+// A campaign is due on a date when the library's date computation gives that
+// date as its next run date from it (the drip kinds 1 and 2 are due every
+// day; a schedule code on its own dates). Which dates have run is read from
+// the run history; the dates since the last run are caught up in order, as
+// far back as --catch-up days, and older ones are reported. Before running a
+// date a tick claims it in quillo_tick_claims, whose key lets only one tick,
+// on any machine, have it.
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <vector>
+
+#include "campaign/constants.h"
+#include "commands.h"
+#include "delivery/ledger.h"
+#include "manage.h"
+#include "platform/format.h"
+
+namespace quillo::cli {
+namespace {
+
+long DayOf(Date d) { return static_cast<long>(std::floor(d.value)); }
+Date DateOfDay(long day) { return Date(static_cast<double>(day)); }
+std::string DayText(long day) { return FormatDate(DateOfDay(day), "yyyy-mm-dd"); }
+
+std::shared_ptr<Connection> ConnectionOf(const Store& store) {
+  return std::dynamic_pointer_cast<Connection>(store.connection_object());
+}
+
+void CreateClaimTable(const Store& store) {
+  ConnectionOf(store)->Execute(
+      "CREATE TABLE IF NOT EXISTS quillo_tick_claims (CampaignRecID VARCHAR(32) NOT NULL, "
+      "RunDate VARCHAR(10) NOT NULL, Worker TEXT, ClaimedAt TEXT, PRIMARY KEY (CampaignRecID, "
+      "RunDate))");
+}
+
+// Claims (campaign, day) for this tick; false when another tick has it.
+bool Claim(const Store& store, const std::string& campaign, long day) {
+  try {
+    ConnectionOf(store)->Execute(
+        "INSERT INTO quillo_tick_claims (CampaignRecID, RunDate, Worker, ClaimedAt) VALUES ('" +
+        SqlQuote(campaign) + "', '" + DayText(day) + "', '" +
+        SqlQuote(delivery::Ledger::ThisWorker()) + "', '" +
+        FormatDate(Now(), "yyyy-mm-dd hh:nn:ss") + "')");
+    return true;
+  } catch (const RuntimeError&) {
+    return false;
+  }
+}
+
+struct Campaign {
+  std::string id, name;
+  std::int32_t type = 0;
+  bool disabled = false;
+};
+
+// The days `campaign` is due in [first, last], in order.
+std::vector<long> DueDays(const Store& store, const Campaign& c, long first, long last) {
+  std::vector<long> due;
+  Dispatch record = store.LoadRecord("dmmrktcmp", c.id);
+  Dispatch calc = Dispatch::Create("dmdatecomputation");
+  calc.Put("Campaign", record.object());
+  for (long day = first; day <= last; ++day) {
+    calc.Put("ReferenceDate", DateOfDay(day));
+    if (DayOf(calc.Call("getNextRunDate").ToDate()) == day) due.push_back(day);
+  }
+  return due;
+}
+
+// The run dates in the history of campaign `id`.
+std::set<long> RunDays(const Store& store, const std::string& id) {
+  std::set<long> days;
+  store.Query("SELECT EffectiveDate FROM dmmrktcmphistory WHERE CampaignRecID = '" +
+                  SqlQuote(id) + "';",
+              [&](const Row& r) { days.insert(DayOf(r.Value("EffectiveDate").ToDate())); });
+  return days;
+}
+
+// The number of messages a run of `c` on `day` would make, learnt by running
+// it inside a transaction that is then rolled back.
+int DryRunCount(const Store& store, const Campaign& c, long day) {
+  auto connection = ConnectionOf(store);
+  connection->Execute("BEGIN");
+  int messages = 0;
+  try {
+    messages = RunCampaign(store, c.id, DateOfDay(day), "", false).messages;
+  } catch (...) {
+    connection->Execute("ROLLBACK");
+    throw;
+  }
+  connection->Execute("ROLLBACK");
+  return messages;
+}
+
+std::shared_ptr<spdlog::logger> TickLog() {
+  auto log = spdlog::get("tick");
+  if (!log) {
+    log = spdlog::stdout_logger_mt("tick");
+    log->set_pattern("%Y-%m-%d %H:%M:%S tick %v");
+    log->set_level(spdlog::level::info);
+  }
+  return log;
+}
+
+}  // namespace
+
+void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send) {
+  if (t.catch_up < 1) throw CommandError("--catch-up wants 1 day or more");
+  Store store(g.db);
+  const long today = DayOf(t.date.empty() ? Today() : ParseDateOption(t.date));
+  auto log = TickLog();
+  if (!t.dry_run) CreateClaimTable(store);
+
+  std::vector<Campaign> campaigns;
+  store.Query("SELECT RecID, CampaignName, CampaignType, Disabled FROM dmmrktcmp ORDER BY "
+              "CampaignName;",
+              [&](const Row& r) {
+                campaigns.push_back({r.Text("RecID"), r.Text("CampaignName"),
+                                     static_cast<std::int32_t>(r.Value("CampaignType").ToLong()),
+                                     r.Value("Disabled").ToLong() != 0});
+              });
+  int failures = 0, not_delivered = 0, runs = 0;
+  for (const Campaign& c : campaigns) {
+    const std::string who = "campaign=\"" + c.name + "\"";
+    if (c.disabled) {
+      log->info("{} skipped: disabled", who);
+      continue;
+    }
+    if (c.type == 0) {
+      log->info("{} skipped: kind 0 has no schedule (run it with `quillo send --campaign`)", who);
+      continue;
+    }
+    if (c.type == 105) {
+      log->info("{} skipped: code 105 has no weekday by design, so it is never due", who);
+      continue;
+    }
+    std::set<long> ran = RunDays(store, c.id);
+    // Never run: today only. Otherwise every day since the last run.
+    long first = ran.empty() ? today : *ran.rbegin() + 1;
+    long window = today - t.catch_up + 1;
+    std::vector<long> due;
+    try {
+      due = DueDays(store, c, std::min(first, today), today);
+    } catch (const RuntimeError& e) {
+      log->warn("{} skipped: no run dates: error {}: {}", who, e.number, e.description);
+      ++failures;
+      continue;
+    }
+    std::vector<long> missed, todo;
+    for (long day : due) {
+      if (ran.count(day)) continue;
+      (day < window ? missed : todo).push_back(day);
+    }
+    if (!missed.empty()) {
+      log->warn(
+          "{} missed {} due date{} from {} to {}, past the catch-up of {} days: not run (run one "
+          "with `quillo send --campaign` and --date, or tick with a longer --catch-up)",
+          who, missed.size(), missed.size() == 1 ? "" : "s", DayText(missed.front()),
+          DayText(missed.back()), t.catch_up);
+      ++failures;
+    }
+    if (todo.empty()) {
+      log->info("{} nothing due", who);
+      continue;
+    }
+    for (long day : todo) {
+      const std::string when = who + " date=" + DayText(day);
+      if (t.dry_run) {
+        log->info("{} would run: {} messages", when, DryRunCount(store, c, day));
+        continue;
+      }
+      if (!Claim(store, c.id, day)) {
+        log->info("{} skipped: claimed by another tick", when);
+        continue;
+      }
+      // Each run gets a queue file of its own, so ticks in one folder never
+      // share one.
+      char queue[] = "/tmp/quillo-tick-XXXXXX";
+      int fd = mkstemp(queue);
+      if (fd < 0) throw CommandError("cannot create a queue file in /tmp");
+      close(fd);
+      SendOptions o = send;
+      o.campaign = c.id;
+      o.date = DayText(day);
+      o.queue = queue;
+      o.quiet = true;
+      ++runs;
+      try {
+        CmdSend(g, o);
+        log->info("{} done: all delivered", when);
+      } catch (const PartlyDone& e) {
+        log->warn("{} done: {}", when, e.what());
+        ++not_delivered;
+      } catch (const CommandError& e) {
+        log->error("{} failed: {}", when, e.what());
+        ++failures;
+      } catch (const RuntimeError& e) {
+        log->error("{} failed: error {}: {}", when, e.number, e.description);
+        ++failures;
+      }
+      std::filesystem::remove(queue);
+    }
+  }
+  log->info("ran {} campaign date{}; {} not all delivered; {} problem{}", runs,
+            runs == 1 ? "" : "s", not_delivered, failures, failures == 1 ? "" : "s");
+  if (failures > 0) throw CommandError("tick: " + std::to_string(failures) + " problem(s), see above");
+  if (not_delivered > 0) {
+    throw PartlyDone(std::to_string(not_delivered) + " campaign date(s) were not all delivered");
+  }
+}
+
+}  // namespace quillo::cli
