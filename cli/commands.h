@@ -157,6 +157,9 @@ void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // sending as `send` says. PartlyDone when messages were not all delivered,
 // CommandError when a campaign date failed or was missed.
 void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send);
+// Creates quillo_tick_claims, where a tick claims a campaign's date, when
+// missing.
+void CreateTickClaimTable(const Store& store);
 // Counts of the delivery ledger by state, and the messages in doubt.
 void CmdStatus(const GlobalOptions& g, const std::string& campaign);
 // Whether the campaign keyed `campaign_id` is disabled (its Disabled column).

@@ -37,16 +37,16 @@ int Guard(const std::function<void()>& body) {
 // The options that say how to send, shared by send and tick.
 void AddSendOptions(CLI::App* app, SendOptions& o) {
   app->add_option("--smtp", o.smtp,
-                   "smtp://[user@]host[:port] or smtps://... (password from QUILLO_SMTP_PASSWORD "
-                   "or a prompt)");
+                  "smtp://[user@]host[:port] or smtps://... (password from QUILLO_SMTP_PASSWORD "
+                  "or a prompt)");
   app->add_option("--account", o.account, "Send from this SMTP account (its e-mail)");
   app->add_option("--templates", o.templates, "Folder for relative template names");
   app->add_option("--ca-file", o.ca_file, "Trust this CA certificate for smtps");
   app->add_option("--timeout", o.timeout,
-                   "Seconds to wait for each reply (default: the standard SMTP timeouts)");
+                  "Seconds to wait for each reply (default: the standard SMTP timeouts)");
   app->add_option("--tls", o.tls,
-                   "STARTTLS: required, opportunistic (when offered) or none; smtps:// URLs use "
-                   "implicit TLS")
+                  "STARTTLS: required, opportunistic (when offered) or none; smtps:// URLs use "
+                  "implicit TLS")
       ->capture_default_str()
       ->check(CLI::IsMember({"required", "opportunistic", "none"}));
   app->add_flag(
@@ -55,12 +55,11 @@ void AddSendOptions(CLI::App* app, SendOptions& o) {
   app->add_option("--helo", o.helo, "Name given in EHLO (default: this host's name)");
   app->add_option("--from", o.from, "Sender address (with --smtp, or instead of the account's)");
   app->add_option("--from-name", o.from_name, "Sender display name");
-  app->add_flag(
-      "--resend-in-doubt", o.resend_in_doubt,
-      "Send again the messages a stopped sender had claimed: each may then arrive twice");
+  app->add_flag("--resend-in-doubt", o.resend_in_doubt,
+                "Send again the messages a stopped sender had claimed: each may then arrive twice");
   app->add_flag("--compat", o.compat,
-                 "Send through the library's documented classes (dmMessage, ardESMTP), unchanged: "
-                 "no dot-stuffing, no header encoding; for trusted content only");
+                "Send through the library's documented classes (dmMessage, ardESMTP), unchanged: "
+                "no dot-stuffing, no header encoding; for trusted content only");
 }
 
 }  // namespace

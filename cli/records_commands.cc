@@ -161,6 +161,7 @@ void CmdInit(const GlobalOptions& g) {
   delivery::CreateLedgerSchema(*connection);
   CreatePasswordReferenceTable(store);
   CreateDisabledTable(store);
+  CreateTickClaimTable(store);
   try {
     // One client per address whatever its case, even under concurrent imports.
     connection->Execute(

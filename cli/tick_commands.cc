@@ -2,11 +2,13 @@
 //
 // A campaign is due on a date when the library's date computation gives that
 // date as its next run date from it (the drip kinds 1 and 2 are due every
-// day; a schedule code on its own dates). Which dates have run is read from
-// the run history; the dates since the last run are caught up in order, as
-// far back as --catch-up days, and older ones are reported. Before running a
-// date a tick claims it in quillo_tick_claims, whose key lets only one tick,
-// on any machine, have it.
+// day; a schedule code on its own dates). Which dates were handled is read
+// from the run history and quillo_tick_claims: the due dates since the last
+// one are caught up in order, as far back as --catch-up days, and older ones
+// are reported (once: they are then marked "missed"). A campaign that never
+// ran starts at its effective date, within the catch-up window. Before
+// running a date a tick claims it in quillo_tick_claims, whose key lets only
+// one tick, on any machine, have it.
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
@@ -36,20 +38,32 @@ std::shared_ptr<Connection> ConnectionOf(const Store& store) {
   return std::dynamic_pointer_cast<Connection>(store.connection_object());
 }
 
-void CreateClaimTable(const Store& store) {
-  ConnectionOf(store)->Execute(
+}  // namespace
+
+void CreateTickClaimTable(const Store& store) {
+  const char* sql =
       "CREATE TABLE IF NOT EXISTS quillo_tick_claims (CampaignRecID VARCHAR(32) NOT NULL, "
       "RunDate VARCHAR(10) NOT NULL, Worker TEXT, ClaimedAt TEXT, PRIMARY KEY (CampaignRecID, "
-      "RunDate))");
+      "RunDate))";
+  try {
+    ConnectionOf(store)->Execute(sql);
+  } catch (const RuntimeError&) {
+    // PostgreSQL's IF NOT EXISTS is not safe against another session
+    // creating the table at the same moment; by now it exists.
+    ConnectionOf(store)->Execute(sql);
+  }
 }
 
+namespace {
+
 // Claims (campaign, day) for this tick; false when another tick has it.
-bool Claim(const Store& store, const std::string& campaign, long day) {
+bool Claim(const Store& store, const std::string& campaign, long day,
+           const std::string& note = "") {
   try {
     ConnectionOf(store)->Execute(
         "INSERT INTO quillo_tick_claims (CampaignRecID, RunDate, Worker, ClaimedAt) VALUES ('" +
         SqlQuote(campaign) + "', '" + DayText(day) + "', '" +
-        SqlQuote(delivery::Ledger::ThisWorker()) + "', '" +
+        SqlQuote(note.empty() ? delivery::Ledger::ThisWorker() : note) + "', '" +
         FormatDate(Now(), "yyyy-mm-dd hh:nn:ss") + "')");
     return true;
   } catch (const RuntimeError&) {
@@ -61,6 +75,7 @@ struct Campaign {
   std::string id, name;
   std::int32_t type = 0;
   bool disabled = false;
+  Date effective;
 };
 
 // The days `campaign` is due in [first, last], in order.
@@ -76,12 +91,17 @@ std::vector<long> DueDays(const Store& store, const Campaign& c, long first, lon
   return due;
 }
 
-// The run dates in the history of campaign `id`.
-std::set<long> RunDays(const Store& store, const std::string& id) {
+// The run dates in the history of campaign `id`, with the dates a tick
+// claimed or reported as missed.
+std::set<long> HandledDays(const Store& store, const std::string& id, bool with_claims) {
   std::set<long> days;
-  store.Query("SELECT EffectiveDate FROM dmmrktcmphistory WHERE CampaignRecID = '" +
-                  SqlQuote(id) + "';",
-              [&](const Row& r) { days.insert(DayOf(r.Value("EffectiveDate").ToDate())); });
+  store.Query(
+      "SELECT EffectiveDate FROM dmmrktcmphistory WHERE CampaignRecID = '" + SqlQuote(id) + "';",
+      [&](const Row& r) { days.insert(DayOf(r.Value("EffectiveDate").ToDate())); });
+  if (!with_claims) return days;
+  store.Query(
+      "SELECT RunDate FROM quillo_tick_claims WHERE CampaignRecID = '" + SqlQuote(id) + "';",
+      [&](const Row& r) { days.insert(DayOf(ParseDateOption(r.Text("RunDate")))); });
   return days;
 }
 
@@ -118,16 +138,18 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
   Store store(g.db);
   const long today = DayOf(t.date.empty() ? Today() : ParseDateOption(t.date));
   auto log = TickLog();
-  if (!t.dry_run) CreateClaimTable(store);
+  if (!t.dry_run) CreateTickClaimTable(store);
 
   std::vector<Campaign> campaigns;
-  store.Query("SELECT RecID, CampaignName, CampaignType, Disabled FROM dmmrktcmp ORDER BY "
-              "CampaignName;",
-              [&](const Row& r) {
-                campaigns.push_back({r.Text("RecID"), r.Text("CampaignName"),
-                                     static_cast<std::int32_t>(r.Value("CampaignType").ToLong()),
-                                     r.Value("Disabled").ToLong() != 0});
-              });
+  store.Query(
+      "SELECT RecID, CampaignName, CampaignType, Disabled, CampaignEffectiveDate FROM "
+      "dmmrktcmp ORDER BY CampaignName;",
+      [&](const Row& r) {
+        campaigns.push_back({r.Text("RecID"), r.Text("CampaignName"),
+                             static_cast<std::int32_t>(r.Value("CampaignType").ToLong()),
+                             r.Value("Disabled").ToLong() != 0,
+                             r.Value("CampaignEffectiveDate").ToDate()});
+      });
   int failures = 0, not_delivered = 0, runs = 0;
   for (const Campaign& c : campaigns) {
     const std::string who = "campaign=\"" + c.name + "\"";
@@ -143,23 +165,28 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
       log->info("{} skipped: code 105 has no weekday by design, so it is never due", who);
       continue;
     }
-    std::set<long> ran = RunDays(store, c.id);
-    // Never run: today only. Otherwise every day since the last run.
-    long first = ran.empty() ? today : *ran.rbegin() + 1;
-    long window = today - t.catch_up + 1;
+    std::set<long> handled = HandledDays(store, c.id, !t.dry_run);
+    const long window = today - t.catch_up + 1;
+    // After a first run, every day since the last one handled; before it,
+    // the days of the catch-up window from the campaign's effective date
+    // (a campaign that never ran missed nothing).
+    long first;
+    if (!handled.empty()) {
+      first = *handled.rbegin() + 1;
+    } else {
+      long effective = DayOf(c.effective);
+      first = effective > today ? today : std::max(effective, window);
+    }
     std::vector<long> due;
     try {
-      due = DueDays(store, c, std::min(first, today), today);
+      due = DueDays(store, c, first, today);
     } catch (const RuntimeError& e) {
       log->warn("{} skipped: no run dates: error {}: {}", who, e.number, e.description);
       ++failures;
       continue;
     }
     std::vector<long> missed, todo;
-    for (long day : due) {
-      if (ran.count(day)) continue;
-      (day < window ? missed : todo).push_back(day);
-    }
+    for (long day : due) (day < window ? missed : todo).push_back(day);
     if (!missed.empty()) {
       log->warn(
           "{} missed {} due date{} from {} to {}, past the catch-up of {} days: not run (run one "
@@ -167,6 +194,10 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
           who, missed.size(), missed.size() == 1 ? "" : "s", DayText(missed.front()),
           DayText(missed.back()), t.catch_up);
       ++failures;
+      // Reported once: a later tick starts after them.
+      if (!t.dry_run) {
+        for (long day : missed) Claim(store, c.id, day, "missed");
+      }
     }
     if (todo.empty()) {
       log->info("{} nothing due", who);
@@ -212,7 +243,8 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
   }
   log->info("ran {} campaign date{}; {} not all delivered; {} problem{}", runs,
             runs == 1 ? "" : "s", not_delivered, failures, failures == 1 ? "" : "s");
-  if (failures > 0) throw CommandError("tick: " + std::to_string(failures) + " problem(s), see above");
+  if (failures > 0)
+    throw CommandError("tick: " + std::to_string(failures) + " problem(s), see above");
   if (not_delivered > 0) {
     throw PartlyDone(std::to_string(not_delivered) + " campaign date(s) were not all delivered");
   }
