@@ -444,6 +444,14 @@ delivery::LedgerState LedgerStateOf(smtp::OutcomeKind kind) {
 // killed mid-group leaves at most this many messages in doubt.
 constexpr size_t kGroupSize = 32;
 
+// The campaign date a queued message was made for, "yyyy-mm-dd", or "" when
+// its SendDate field is not a date.
+std::string RunDateOf(const QueuedMessage& m) {
+  Date d;
+  if (!TryParseDate(m.send_date, &d)) return "";
+  return FormatDate(d, "yyyy-mm-dd");
+}
+
 // Sends the queue: each group of messages is claimed in the delivery ledger
 // before it is sent, and its outcomes are written, with the sent-item log of
 // the accepted ones, in one transaction after it. So two senders on one
@@ -477,7 +485,7 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
         continue;
       }
       group.push_back(&m);
-      keys.push_back({m.campaign_id, m.item_id, m.account, m.email});
+      keys.push_back({m.campaign_id, m.item_id, m.account, m.email, RunDateOf(m)});
     }
     std::vector<delivery::ClaimResult> claims = ledger.Claim(keys, o.resend_in_doubt);
     struct Done {

@@ -79,11 +79,21 @@ void CreateLedgerSchema(Connection& connection) {
       "CampaignRecID VARCHAR(32) NOT NULL, CampaignItemRecID VARCHAR(32) NOT NULL, "
       "Account VARCHAR(32) NOT NULL, Email VARCHAR(255), State VARCHAR(16) NOT NULL, "
       "Attempts INTEGER NOT NULL DEFAULT 0, NextAttempt VARCHAR(19), LastReply VARCHAR(1000), "
-      "Worker VARCHAR(300), Updated VARCHAR(19), "
+      "Worker VARCHAR(300), Updated VARCHAR(19), RunDate VARCHAR(10), "
       "PRIMARY KEY (CampaignRecID, CampaignItemRecID, Account))");
   connection.Execute(
       "CREATE INDEX IF NOT EXISTS quillo_deliveries_state ON quillo_deliveries (State, "
       "CampaignRecID)");
+  // RunDate came later; a ledger made before it gets the column.
+  try {
+    Recordset probe;
+    probe.Open("SELECT RunDate FROM quillo_deliveries WHERE 1 = 0",
+               std::shared_ptr<Connection>(&connection, [](Connection*) {}), kAdOpenForwardOnly,
+               kAdLockReadOnly, kAdCmdText);
+    probe.Close();
+  } catch (const RuntimeError&) {
+    connection.Execute("ALTER TABLE quillo_deliveries ADD COLUMN RunDate VARCHAR(10)");
+  }
 }
 
 Ledger::Ledger(std::shared_ptr<Connection> connection, std::string worker)
@@ -135,9 +145,10 @@ std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool re
       long affected = 0;
       connection_->Execute(
           "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
-          "Attempts, Worker, Updated) VALUES (" +
+          "Attempts, Worker, Updated, RunDate) VALUES (" +
               Quote(key.campaign_id) + ", " + Quote(key.item_id) + ", " + Quote(key.client) + ", " +
-              Quote(key.email) + ", 'claimed', 0, " + worker + ", " + now +
+              Quote(key.email) + ", 'claimed', 0, " + worker + ", " + now + ", " +
+              (key.run_date.empty() ? std::string("NULL") : Quote(key.run_date)) +
               ") ON CONFLICT DO NOTHING",
           &affected);
       if (affected == 0) {
@@ -200,7 +211,7 @@ std::vector<LedgerRow> Ledger::Rows(LedgerState state, const std::string& campai
   for (; !rs.Eof(); rs.MoveNext()) {
     LedgerRow row;
     row.key = {Text(rs, "CampaignRecID"), Text(rs, "CampaignItemRecID"), Text(rs, "Account"),
-               Text(rs, "Email")};
+               Text(rs, "Email"), Text(rs, "RunDate")};
     row.state = state;
     row.attempts = rs.FieldValue("Attempts").ToLong();
     row.next_attempt = Text(rs, "NextAttempt");

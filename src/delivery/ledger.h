@@ -51,6 +51,7 @@ struct MessageKey {
   std::string item_id;      // dmmrktcmpitems RecID.
   std::string client;       // dmclients Account.
   std::string email;        // The address, kept for reports.
+  std::string run_date;     // "yyyy-mm-dd": the campaign date it was made for (reports).
 };
 
 // What Claim found for one key.

@@ -29,8 +29,8 @@ class LedgerTest : public ::testing::TestWithParam<Engine> {
   static std::vector<MessageKey> Keys(int n) {
     std::vector<MessageKey> keys;
     for (int i = 0; i < n; ++i) {
-      keys.push_back(
-          {"C1", "I1", "client" + std::to_string(i), "c" + std::to_string(i) + "@x.test"});
+      keys.push_back({"C1", "I1", "client" + std::to_string(i), "c" + std::to_string(i) + "@x.test",
+                      "2026-03-0" + std::to_string(1 + i % 9)});
     }
     return keys;
   }
@@ -41,6 +41,31 @@ class LedgerTest : public ::testing::TestWithParam<Engine> {
 
 TEST_P(LedgerTest, CreatingTheSchemaTwiceIsHarmless) {
   EXPECT_NO_THROW(CreateLedgerSchema(*connection_));
+}
+
+TEST_P(LedgerTest, ALedgerFromBeforeRunDatesGainsTheColumnAndKeepsItsRows) {
+  connection_->Execute("DROP TABLE quillo_deliveries");
+  connection_->Execute(
+      "CREATE TABLE quillo_deliveries (CampaignRecID VARCHAR(32) NOT NULL, CampaignItemRecID "
+      "VARCHAR(32) NOT NULL, Account VARCHAR(32) NOT NULL, Email VARCHAR(255), State "
+      "VARCHAR(16) NOT NULL, Attempts INTEGER NOT NULL DEFAULT 0, NextAttempt VARCHAR(19), "
+      "LastReply VARCHAR(1000), Worker VARCHAR(300), Updated VARCHAR(19), PRIMARY KEY "
+      "(CampaignRecID, CampaignItemRecID, Account))");
+  connection_->Execute(
+      "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+      "Attempts, Worker, Updated) VALUES ('C0', 'I0', 'old', 'old@x.test', 'accepted', 1, 'w', "
+      "'2026-01-01 00:00:00')");
+  CreateLedgerSchema(*connection_);
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(1);
+  ledger.Claim(keys, false);
+  auto claimed = ledger.Rows(LedgerState::kClaimed);
+  ASSERT_EQ(claimed.size(), 1u);
+  EXPECT_EQ(claimed[0].key.run_date, keys[0].run_date);
+  auto old = ledger.Rows(LedgerState::kAccepted);
+  ASSERT_EQ(old.size(), 1u);
+  EXPECT_EQ(old[0].key.email, "old@x.test");
+  EXPECT_EQ(old[0].key.run_date, "");
 }
 
 TEST_P(LedgerTest, ANewMessageIsClaimedOnceOnly) {
@@ -101,6 +126,9 @@ TEST_P(LedgerTest, ClaimsOfAStoppedWorkerBecomeInDoubtAndStayUnsent) {
   auto in_doubt = next.Rows(LedgerState::kInDoubt, "C1");
   ASSERT_EQ(in_doubt.size(), 2u);
   EXPECT_EQ(in_doubt[0].worker, gone);
+  // The campaign date each message was made for is kept for reports.
+  EXPECT_EQ(in_doubt[0].key.run_date, keys[0].run_date);
+  EXPECT_EQ(in_doubt[1].key.run_date, keys[1].run_date);
   EXPECT_EQ(next.Claim(keys, true), std::vector<ClaimResult>(2, ClaimResult::kClaimed));
 }
 
