@@ -587,7 +587,11 @@ ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
   CheckHeaderText("the subject", draft.subject);
   w.Field("Subject", UnstructuredValue(draft.subject, 9, utf8));
   std::string domain(DomainOf(w.Address("the sender", draft.from.address)));
-  result.message_id = "<" + RandomHex(16) + "@" + domain + ">";
+  result.message_id = "<";
+  result.message_id += RandomHex(16);
+  result.message_id += "@";
+  result.message_id += domain;
+  result.message_id += ">";
   w.Field("Message-ID", result.message_id);
   w.Field("MIME-Version", "1.0");
   std::string mailer = options.mailer.empty() ? std::string("quillo ") + Version() : options.mailer;

@@ -1,5 +1,6 @@
 #include "mail/template_draft.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <vector>
@@ -143,6 +144,21 @@ bool IsOneOf(std::string_view name, std::initializer_list<std::string_view> name
   return false;
 }
 
+// A control byte that occurs in none of `texts`. TemplateError when each
+// occurs somewhere (no template needs them all).
+char UnusedByte(std::initializer_list<std::string_view> texts, const Checker& check) {
+  bool used[32] = {};
+  for (std::string_view t : texts) {
+    for (char c : t) {
+      if (static_cast<unsigned char>(c) < 32) used[static_cast<unsigned char>(c)] = true;
+    }
+  }
+  for (int c = 1; c < 32; ++c) {
+    if (c != '\t' && c != '\n' && c != '\r' && !used[c]) return static_cast<char>(c);
+  }
+  check.Fail(0, "the template and the client's fields hold every control character");
+}
+
 }  // namespace
 
 TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const dmclients& client,
@@ -160,6 +176,15 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
 
   ClientFields fields = FieldsOf(client);
   Date now = Now();
+  // A value is data, never template: while the variables are replaced one
+  // after another, the "<" of each value stands hidden as a byte found
+  // nowhere in the template, the subject or the client's fields, so that no
+  // later variable reads a tag in it (and tags in data cannot multiply the
+  // message without bound). Each "<" comes back once all are replaced.
+  const char hide = UnusedByte(
+      {text, subject, fields.First, fields.Last, fields.Middle, fields.Address, fields.PO,
+       fields.city, fields.state, fields.Country, fields.zip, fields.Company, fields.Email},
+      check);
   auto value = [&](ReplacementVariable v, std::string& out) {
     size_t mark = out.size();
     try {
@@ -171,14 +196,19 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
     } catch (const std::exception&) {
       out.resize(mark);  // A value that cannot be computed is empty, as in dmMessage.
     }
+    std::replace(out.begin() + static_cast<std::ptrdiff_t>(mark), out.end(), '<', hide);
+  };
+  auto shown = [hide](std::string replaced) {
+    std::replace(replaced.begin(), replaced.end(), hide, '<');
+    return replaced;
   };
   TagReplacer replacer;
   std::vector<ReplacementVariable> listed;
   for (const auto& entry : *parsed.ReplacementVariables()) {
     if (auto v = FindReplacementVariable(entry->Value())) listed.push_back(*v);
   }
-  d.body =
-      listed.empty() ? parsed.MessageBody() : replacer.Replace(parsed.MessageBody(), listed, value);
+  d.body = listed.empty() ? parsed.MessageBody()
+                          : shown(replacer.Replace(parsed.MessageBody(), listed, value));
   std::string subject_text = subject;
 
   std::string extension = UCase(dmMessage::GetFileExtension(name));
@@ -209,7 +239,7 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
       d.headers.emplace_back(key, v);
     }
   }
-  d.subject = replacer.Replace(subject_text, kAllVariables, value);
+  d.subject = shown(replacer.Replace(subject_text, kAllVariables, value));
 
   for (const auto& a : *parsed.Attachments()) {
     d.attachments.push_back({Resolve(a->Value(), name), ""});

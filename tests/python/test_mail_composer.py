@@ -219,3 +219,18 @@ def test_the_date_has_a_zone_and_the_message_id_the_senders_domain(quillo, tmp_p
     assert message["Date"].datetime.tzinfo is not None
     assert message["Message-ID"].endswith("@quillo.example>")
     assert message["MIME-Version"] == "1.0"
+
+
+def test_tags_in_client_data_are_text_and_never_multiply_the_message(quillo, tmp_path):
+    # A name made of tags, and the same tag listed again and again: each tag
+    # of the template gets the value once, and a tag inside the value stays
+    # as text (without this, every Replace line multiplies the message).
+    first = "<!--FIRST--><!--LAST--><!--FIRST--><!--FIRST-->"
+    header = "\n".join(["Replace: FIRST", "Replace: LAST"] * 20)
+    raw = compose(quillo, tmp_path, "[HEADER]\n%s\n[/HEADER]\nDear <!--FIRST--> <!--LAST-->,\n"
+                  % header, who=client(quillo, first=first, last="<!--FIRST-->"),
+                  subject="For <!--FIRST-->")
+    assert len(raw) < 4096
+    check_both_parsers(tmp_path, raw, "Dear %s <!--FIRST-->,\n" % first)
+    parsed = email.message_from_bytes(raw, policy=email.policy.default)
+    assert parsed["Subject"] == "For " + first
