@@ -76,6 +76,12 @@ struct RunOptions {
   std::string queue;  // Empty: the messages are listed, not queued.
   bool quiet = false;
 };
+struct ReportOptions {
+  std::string campaign;
+  std::string date;  // The last day, YYYY-MM-DD; default today.
+  int days = 30;
+  std::string html;  // Also write the HTML report here when not empty.
+};
 struct TickOptions {
   std::string date;  // YYYY-MM-DD; default today.
   bool dry_run = false;
@@ -160,6 +166,9 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
 // Creates quillo_tick_claims, where a tick claims a campaign's date, when
 // missing.
 void CreateTickClaimTable(const Store& store);
+// A campaign's messages by day and outcome, and how far its clients got;
+// with --html also as one self-contained HTML file with SVG charts.
+void CmdReport(const GlobalOptions& g, const ReportOptions& o);
 // Counts of the delivery ledger by state, and the messages in doubt.
 void CmdStatus(const GlobalOptions& g, const std::string& campaign);
 // Whether the campaign keyed `campaign_id` is disabled (its Disabled column).

@@ -229,6 +229,19 @@ int main(int argc, char** argv) {
   AddSendOptions(tick, tick_send);
   tick->callback([&] { action = [&] { CmdTick(g, to, tick_send); }; });
 
+  // report
+  ReportOptions ro_report;
+  auto* report = app.add_subcommand(
+      "report", "A campaign's messages by day and outcome, and how far its clients got");
+  report->add_option("--campaign", ro_report.campaign, "Campaign name or id")->required();
+  report->add_option("--days", ro_report.days, "Days to cover, ending on --date")
+      ->capture_default_str();
+  report->add_option("--date", ro_report.date, "The last day, YYYY-MM-DD (default today)");
+  report->add_option("--html", ro_report.html,
+                     "Also write the report to this file as HTML with charts (no script, "
+                     "nothing fetched)");
+  report->callback([&] { action = [&] { CmdReport(g, ro_report); }; });
+
   // status
   std::string status_campaign;
   auto* status = app.add_subcommand("status", "Show where a campaign's messages stand");

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <regex>
@@ -23,6 +24,7 @@
 #include "commands.h"
 #include "delivery/ledger.h"
 #include "delivery/mailer.h"
+#include "delivery/report.h"
 #include "mail/template_draft.h"
 #include "manage.h"
 #include "platform/event_loop.h"
@@ -733,6 +735,45 @@ void CmdStatus(const GlobalOptions& g, const std::string& campaign) {
       std::printf("  %s  item %s  claimed by %s, %s UTC\n", row.key.email.c_str(),
                   row.key.item_id.c_str(), row.worker.c_str(), row.updated.c_str());
     }
+  }
+}
+
+void CmdReport(const GlobalOptions& g, const ReportOptions& o) {
+  Store store(g.db);
+  std::string campaign_id = store.FindCampaign(o.campaign);
+  if (o.days < 1) throw CommandError("--days wants 1 or more");
+  Date last = o.date.empty() ? Today() : ParseDateOption(o.date);
+  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  delivery::CampaignReport r = delivery::BuildCampaignReport(
+      connection, campaign_id, FormatDate(last, "yyyy-mm-dd"), o.days);
+  std::printf("campaign %s: %s to %s (%d days), by the campaign date of each message\n",
+              r.campaign_name.c_str(), r.first_day.c_str(), r.last_day.c_str(), o.days);
+  const char* names[] = {"QUEUED", "ACCEPTED", "DEFERRED", "REFUSED", "FAILED", "IN-DOUBT"};
+  std::printf("%-10s", "DATE");
+  for (const char* n : names) std::printf(" %9s", n);
+  std::printf("\n");
+  for (const auto& d : r.days) {
+    long sum = 0;
+    for (long c : d.counts) sum += c;
+    if (sum == 0) continue;  // Days without messages are left out.
+    std::printf("%-10s", d.day.c_str());
+    for (long c : d.counts) std::printf(" %9ld", c);
+    std::printf("\n");
+  }
+  std::printf("%-10s", "total");
+  for (long c : r.totals) std::printf(" %9ld", c);
+  std::printf("\n\nenrolled   %ld clients\n", r.enrolled);
+  for (const auto& item : r.funnel) {
+    std::printf("day %-6ld %ld clients got \"%s\"\n", item.interval, item.clients,
+                item.description.c_str());
+  }
+  if (!o.html.empty()) {
+    std::string path = std::filesystem::absolute(o.html).lexically_normal().string();
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << delivery::CampaignReportHtml(r);
+    out.close();
+    if (!out) throw CommandError("cannot write '" + o.html + "'");
+    std::printf("\nHTML report: %s\n", path.c_str());
   }
 }
 

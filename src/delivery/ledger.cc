@@ -19,16 +19,7 @@ namespace {
 constexpr const char* kStateNames[] = {"claimed", "accepted", "deferred",
                                        "refused", "failed",   "in-doubt"};
 
-// `text` as an SQL string literal.
-std::string Quote(std::string_view text) {
-  std::string out = "'";
-  for (char c : text) {
-    out += c;
-    if (c == '\'') out += '\'';
-  }
-  out += '\'';
-  return out;
-}
+std::string Quote(std::string_view text) { return SqlLiteral(text); }
 
 std::string KeyCondition(const MessageKey& key) {
   return "CampaignRecID = " + Quote(key.campaign_id) +
@@ -54,6 +45,16 @@ bool EndedOnThisHost(const std::string& worker) {
 }
 
 }  // namespace
+
+std::string SqlLiteral(std::string_view text) {
+  std::string out = "'";
+  for (char c : text) {
+    out += c;
+    if (c == '\'') out += '\'';
+  }
+  out += '\'';
+  return out;
+}
 
 const char* LedgerStateName(LedgerState state) { return kStateNames[static_cast<int>(state)]; }
 

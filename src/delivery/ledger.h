@@ -45,6 +45,9 @@ enum class LedgerState { kClaimed, kAccepted, kDeferred, kRefused, kFailed, kInD
 const char* LedgerStateName(LedgerState state);
 std::optional<LedgerState> ParseLedgerState(std::string_view name);
 
+// `text` as an SQL string literal: in single quotes, quotes doubled.
+std::string SqlLiteral(std::string_view text);
+
 // The key of one message: a campaign item for one client.
 struct MessageKey {
   std::string campaign_id;  // dmmrktcmp RecID.

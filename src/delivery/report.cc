@@ -1,0 +1,214 @@
+#include "delivery/report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include "platform/database.h"
+#include "platform/date.h"
+#include "platform/error.h"
+#include "platform/format.h"
+
+namespace quillo::delivery {
+
+namespace {
+
+std::string FieldText(const Recordset& rs, std::string_view field) {
+  Variant v = rs.FieldValue(field);
+  return v.IsNull() || v.IsEmpty() ? std::string() : v.ToString();
+}
+
+long DayNumber(const std::string& day) {
+  Date d;
+  if (day.size() != 10 || !TryParseDate(day, &d)) Raise(5, "Not a date: '" + day + "'");
+  return static_cast<long>(std::floor(d.value));
+}
+
+std::string DayName(long day) { return FormatDate(Date(static_cast<double>(day)), "yyyy-mm-dd"); }
+
+// Text for HTML content and attribute values.
+std::string Html(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
+// The states as the report names them, and their colours.
+constexpr const char* kReportNames[kLedgerStates] = {"queued",  "accepted", "deferred",
+                                                     "refused", "failed",   "in doubt"};
+constexpr const char* kColours[kLedgerStates] = {"#9aa5b1", "#2f9e44", "#f08c00",
+                                                 "#c92a2a", "#862e9c", "#495057"};
+
+std::string Number(double v) {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%.1f", v);
+  return buffer;
+}
+
+}  // namespace
+
+CampaignReport BuildCampaignReport(const std::shared_ptr<Connection>& connection,
+                                   const std::string& campaign_id, const std::string& last_day,
+                                   int days) {
+  if (days < 1) Raise(5, "A report covers one day or more");
+  CampaignReport r;
+  r.campaign_id = campaign_id;
+  const long last = DayNumber(last_day);
+  const long first = last - days + 1;
+  r.first_day = DayName(first);
+  r.last_day = DayName(last);
+  const std::string campaign = SqlLiteral(campaign_id);
+
+  Recordset rs;
+  rs.Open("SELECT CampaignName FROM dmmrktcmp WHERE RecID = " + campaign, connection,
+          kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  if (rs.Eof()) Raise(5, "No campaign '" + campaign_id + "'");
+  r.campaign_name = FieldText(rs, "CampaignName");
+  rs.Close();
+
+  for (long day = first; day <= last; ++day) r.days.push_back({DayName(day), {}});
+  CreateLedgerSchema(*connection);
+  rs.Open("SELECT RunDate, Updated, State FROM quillo_deliveries WHERE CampaignRecID = " + campaign,
+          connection, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  for (; !rs.Eof(); rs.MoveNext()) {
+    std::string day = FieldText(rs, "RunDate");
+    if (day.empty()) day = FieldText(rs, "Updated").substr(0, 10);
+    auto state = ParseLedgerState(FieldText(rs, "State"));
+    Date d;
+    if (!state || day.size() != 10 || !TryParseDate(day, &d)) continue;
+    long n = static_cast<long>(std::floor(d.value));
+    if (n < first || n > last) continue;
+    auto s = static_cast<std::size_t>(*state);
+    ++r.days[static_cast<std::size_t>(n - first)].counts[s];
+    ++r.totals[s];
+  }
+  rs.Close();
+
+  rs.Open("SELECT COUNT(*) AS N FROM dmclientsmrktcmp WHERE CampaignRecID = " + campaign,
+          connection, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  r.enrolled = rs.FieldValue("N").ToLong();
+  rs.Close();
+
+  rs.Open(
+      "SELECT i.RecID AS ItemID, i.Description AS Description, i.Interval AS Days, "
+      "COUNT(DISTINCT s.Account) AS N FROM dmmrktcmpitems i LEFT JOIN dmsentitems s ON "
+      "s.CampaignItemRecID = i.RecID AND s.CampaignRecID = i.CampaignRecID WHERE "
+      "i.CampaignRecID = " +
+          campaign + " GROUP BY i.RecID, i.Description, i.Interval ORDER BY i.Interval, i.RecID",
+      connection, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  for (; !rs.Eof(); rs.MoveNext()) {
+    r.funnel.push_back({FieldText(rs, "ItemID"), FieldText(rs, "Description"),
+                        rs.FieldValue("Days").ToLong(), rs.FieldValue("N").ToLong()});
+  }
+  rs.Close();
+  return r;
+}
+
+std::string CampaignReportHtml(const CampaignReport& r) {
+  std::string out;
+  out += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
+  out += "<title>quillo report: " + Html(r.campaign_name) + "</title>\n";
+  out +=
+      "<style>body{font-family:sans-serif;margin:2em;color:#212529}"
+      "table{border-collapse:collapse}td,th{padding:2px 10px;text-align:right}"
+      "th:first-child,td:first-child{text-align:left}svg text{font-size:11px}"
+      ".key span{display:inline-block;width:10px;height:10px;margin:0 4px 0 12px}</style>\n";
+  out += "</head>\n<body>\n";
+  out += "<h1>Campaign " + Html(r.campaign_name) + "</h1>\n";
+  out += "<p>" + r.first_day + " to " + r.last_day + ", " + std::to_string(r.days.size()) +
+         " days, messages counted on the campaign date they were made for.</p>\n";
+
+  // Messages per day, stacked by outcome.
+  long tallest = 1;
+  for (const auto& d : r.days) {
+    long sum = 0;
+    for (long c : d.counts) sum += c;
+    tallest = std::max(tallest, sum);
+  }
+  const double chart_h = 200, left = 40, top = 10, bar_w = 14, gap = 4;
+  const double width = left + static_cast<double>(r.days.size()) * (bar_w + gap) + 10;
+  out += "<h2>Messages per day by outcome</h2>\n";
+  out += "<svg id=\"per-day\" width=\"" + Number(width) + "\" height=\"" +
+         Number(chart_h + top + 60) + "\" role=\"img\">\n";
+  out += "<line x1=\"" + Number(left) + "\" y1=\"" + Number(top + chart_h) + "\" x2=\"" +
+         Number(width) + "\" y2=\"" + Number(top + chart_h) + "\" stroke=\"#868e96\"/>\n";
+  out += "<text x=\"2\" y=\"" + Number(top + 10) + "\">" + std::to_string(tallest) + "</text>\n";
+  out += "<text x=\"2\" y=\"" + Number(top + chart_h) + "\">0</text>\n";
+  for (std::size_t i = 0; i < r.days.size(); ++i) {
+    const auto& d = r.days[i];
+    double x = left + static_cast<double>(i) * (bar_w + gap);
+    double y = top + chart_h;
+    for (std::size_t s = 0; s < kLedgerStates; ++s) {
+      if (d.counts[s] == 0) continue;
+      double h = chart_h * static_cast<double>(d.counts[s]) / static_cast<double>(tallest);
+      y -= h;
+      out += "<rect class=\"bar\" data-day=\"" + d.day + "\" data-state=\"" + kReportNames[s] +
+             "\" data-count=\"" + std::to_string(d.counts[s]) + "\" x=\"" + Number(x) + "\" y=\"" +
+             Number(y) + "\" width=\"" + Number(bar_w) + "\" height=\"" + Number(h) + "\" fill=\"" +
+             kColours[s] + "\"><title>" + d.day + ": " + std::to_string(d.counts[s]) + " " +
+             kReportNames[s] + "</title></rect>\n";
+    }
+    if (i % 7 == 0 || i + 1 == r.days.size()) {
+      out += "<text x=\"" + Number(x) + "\" y=\"" + Number(top + chart_h + 14) +
+             "\" transform=\"rotate(45 " + Number(x) + " " + Number(top + chart_h + 14) + ")\">" +
+             d.day.substr(5) + "</text>\n";
+    }
+  }
+  out += "</svg>\n<p class=\"key\">";
+  for (std::size_t s = 0; s < kLedgerStates; ++s) {
+    out += "<span style=\"background:" + std::string(kColours[s]) + "\"></span>" + kReportNames[s];
+  }
+  out += "</p>\n";
+
+  out += "<table id=\"totals\">\n<tr><th>outcome</th><th>messages</th></tr>\n";
+  for (std::size_t s = 0; s < kLedgerStates; ++s) {
+    out += "<tr><td>" + std::string(kReportNames[s]) + "</td><td data-state=\"" + kReportNames[s] +
+           "\">" + std::to_string(r.totals[s]) + "</td></tr>\n";
+  }
+  out += "</table>\n";
+
+  // The funnel: enrolled clients, then each item.
+  out += "<h2>How far clients got</h2>\n";
+  const double row_h = 22, label_w = 220, bar_max = 400;
+  const long widest = std::max<long>(1, r.enrolled);
+  out += "<svg id=\"funnel\" width=\"" + Number(label_w + bar_max + 60) + "\" height=\"" +
+         Number(row_h * static_cast<double>(r.funnel.size() + 1) + 10) + "\" role=\"img\">\n";
+  auto row = [&](std::size_t i, const std::string& label, long n, const std::string& item) {
+    double y = 5 + row_h * static_cast<double>(i);
+    double w = bar_max * static_cast<double>(std::min(n, widest)) / static_cast<double>(widest);
+    out += "<text x=\"0\" y=\"" + Number(y + 14) + "\">" + Html(label) + "</text>\n";
+    out += "<rect class=\"reach\" data-item=\"" + Html(item) + "\" data-count=\"" +
+           std::to_string(n) + "\" x=\"" + Number(label_w) + "\" y=\"" + Number(y) + "\" width=\"" +
+           Number(w) + "\" height=\"" + Number(row_h - 6) + "\" fill=\"#1c7ed6\"><title>" +
+           Html(label) + ": " + std::to_string(n) + "</title></rect>\n";
+    out += "<text x=\"" + Number(label_w + w + 6) + "\" y=\"" + Number(y + 14) + "\">" +
+           std::to_string(n) + "</text>\n";
+  };
+  row(0, "enrolled", r.enrolled, "");
+  for (std::size_t i = 0; i < r.funnel.size(); ++i) {
+    const auto& item = r.funnel[i];
+    row(i + 1, "day " + std::to_string(item.interval) + ": " + item.description, item.clients,
+        item.item_id);
+  }
+  out += "</svg>\n</body>\n</html>\n";
+  return out;
+}
+
+}  // namespace quillo::delivery
