@@ -157,14 +157,34 @@ std::optional<std::string> ReferencedPassword(const Store& store, const std::str
 // Makes the account `email` the only default one.
 void CmdAccountDefault(const GlobalOptions& g, const std::string& email);
 void CmdRun(const GlobalOptions& g, const RunOptions& r);
+// What one send did.
+struct SendTally {
+  std::string run_id;  // The run made first (send --campaign), or "".
+  int clients = 0;     // The run's clients and messages.
+  int made = 0;
+  std::size_t queued = 0;  // Messages in the queue sent.
+  int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;
+  int in_doubt = 0;                // Claimed by a sender that stopped; not sent again unless asked.
+  int busy = 0;                    // Held by another sender working now.
+  int disabled = 0;                // For a disabled campaign, client, enrolment or item: skipped.
+  long abandoned = 0;              // Claims of stopped senders found at the start.
+  bool campaign_disabled = false;  // The campaign to run is disabled: nothing was done.
+  int NotDelivered() const { return refused + failed + deferred + in_doubt; }
+  bool AllDelivered() const { return NotDelivered() == 0; }
+};
+
+// Runs the campaign first when `s.campaign` is set, then sends the queue,
+// printing nothing (but the progress bar and --timings).
+SendTally RunAndSend(const GlobalOptions& g, const SendOptions& s);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // Runs and sends, once per date, every enabled campaign that is due on the
 // tick's date or was due since its last run (within the catch-up window),
 // sending as `send` says. PartlyDone when messages were not all delivered,
 // CommandError when a campaign date failed or was missed.
 void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send);
-// Creates quillo_tick_claims, where a tick claims a campaign's date, when
-// missing.
+// Creates, when missing, quillo_tick_claims, where a tick claims a
+// campaign's date, and quillo_tick_queues, where it keeps a queue that did
+// not go out in full for the next tick.
 void CreateTickClaimTable(const Store& store);
 // A campaign's messages by day and outcome, and how far its clients got;
 // with --html also as one self-contained HTML file with SVG charts.

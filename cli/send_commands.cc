@@ -291,16 +291,7 @@ class StageClock {
 };
 
 // What a send did, message by message.
-struct Tally {
-  int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;
-  int in_doubt = 0;    // Claimed by a sender that stopped; not sent again unless asked.
-  int busy = 0;        // Held by another sender working now.
-  int disabled = 0;    // For a disabled campaign or client: skipped.
-  long abandoned = 0;  // Claims of stopped senders found at the start.
-  bool AllDelivered() const {
-    return deferred == 0 && refused == 0 && failed == 0 && in_doubt == 0;
-  }
-};
+using Tally = SendTally;
 
 // Records an accepted message in the sent-item log, which is what keeps the
 // campaign engine and a second send from repeating it.
@@ -599,20 +590,22 @@ SmtpSettings SenderOrDefault(const Store& store, const SendOptions& o) {
 
 }  // namespace
 
-void CmdSend(const GlobalOptions& g, const SendOptions& o) {
+SendTally RunAndSend(const GlobalOptions& g, const SendOptions& o) {
   Store store(g.db);
+  SendTally t;
   std::string queue_file = o.queue;
   if (!o.campaign.empty()) {
     if (queue_file.empty()) queue_file = "~mqueue.txt";
     Date date = o.date.empty() ? Today() : ParseDateOption(o.date);
     std::string campaign = store.FindCampaign(o.campaign);
     if (CampaignDisabled(store, campaign)) {
-      std::printf("campaign %s is disabled: nothing run or sent\n", o.campaign.c_str());
-      return;
+      t.campaign_disabled = true;
+      return t;
     }
     RunSummary run = RunCampaign(store, campaign, date, queue_file, false);
-    std::printf("run %s: %d clients, %d messages queued\n", run.history_id.c_str(), run.clients,
-                run.messages);
+    t.run_id = run.history_id;
+    t.clients = run.clients;
+    t.made = run.messages;
   } else if (queue_file.empty()) {
     throw CommandError("send needs --queue FILE or --campaign NAME");
   }
@@ -638,12 +631,29 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   std::shared_ptr<delivery::Mailer> mailer;
   DeliverFunction deliver =
       o.compat ? CompatDeliverer(store, settings, o) : ModernDeliverer(store, settings, o, mailer);
-  Tally t = SendQueue(store, messages, o, settings, deliver, progress, clock);
+  SendTally sent = SendQueue(store, messages, o, settings, deliver, progress, clock);
   if (mailer) mailer->Close();
   clock.Stop();
   progress.Finish();
+  if (o.timings) clock.Print();
+  sent.run_id = t.run_id;
+  sent.clients = t.clients;
+  sent.made = t.made;
+  sent.queued = messages.size();
+  return sent;
+}
+
+void CmdSend(const GlobalOptions& g, const SendOptions& o) {
+  SendTally t = RunAndSend(g, o);
+  if (t.campaign_disabled) {
+    std::printf("campaign %s is disabled: nothing run or sent\n", o.campaign.c_str());
+    return;
+  }
+  if (!t.run_id.empty()) {
+    std::printf("run %s: %d clients, %d messages queued\n", t.run_id.c_str(), t.clients, t.made);
+  }
   std::printf("sent %d, refused %d, failed %d, deferred %d, already sent %d (of %zu queued)\n",
-              t.sent, t.refused, t.failed, t.deferred, t.skipped, messages.size());
+              t.sent, t.refused, t.failed, t.deferred, t.skipped, t.queued);
   if (t.disabled > 0) {
     std::printf("skipped %d messages of disabled campaigns, clients, enrolments or items\n",
                 t.disabled);
@@ -654,10 +664,9 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
         "sender %d\n",
         t.in_doubt, t.busy);
   }
-  if (o.timings) clock.Print();
   if (!t.AllDelivered()) {
-    throw NotAllDelivered(std::to_string(t.refused + t.failed + t.deferred + t.in_doubt) + " of " +
-                          std::to_string(messages.size()) + " messages were not delivered");
+    throw NotAllDelivered(std::to_string(t.NotDelivered()) + " of " + std::to_string(t.queued) +
+                          " messages were not delivered");
   }
 }
 

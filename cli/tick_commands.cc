@@ -25,6 +25,7 @@
 #include "commands.h"
 #include "delivery/ledger.h"
 #include "manage.h"
+#include "platform/file.h"
 #include "platform/format.h"
 
 namespace quillo::cli {
@@ -45,12 +46,17 @@ void CreateTickClaimTable(const Store& store) {
       "CREATE TABLE IF NOT EXISTS quillo_tick_claims (CampaignRecID VARCHAR(32) NOT NULL, "
       "RunDate VARCHAR(10) NOT NULL, Worker TEXT, ClaimedAt TEXT, PRIMARY KEY (CampaignRecID, "
       "RunDate))";
-  try {
-    ConnectionOf(store)->Execute(sql);
-  } catch (const RuntimeError&) {
-    // PostgreSQL's IF NOT EXISTS is not safe against another session
-    // creating the table at the same moment; by now it exists.
-    ConnectionOf(store)->Execute(sql);
+  const char* queues =
+      "CREATE TABLE IF NOT EXISTS quillo_tick_queues (CampaignRecID VARCHAR(32) NOT NULL, "
+      "RunDate VARCHAR(10) NOT NULL, Queue TEXT, PRIMARY KEY (CampaignRecID, RunDate))";
+  for (const char* statement : {sql, queues}) {
+    try {
+      ConnectionOf(store)->Execute(statement);
+    } catch (const RuntimeError&) {
+      // PostgreSQL's IF NOT EXISTS is not safe against another session
+      // creating the table at the same moment; by now it exists.
+      ConnectionOf(store)->Execute(statement);
+    }
   }
 }
 
@@ -77,6 +83,72 @@ struct Campaign {
   bool disabled = false;
   Date effective;
 };
+
+// A queue file of its own for one send, so ticks in one folder never share
+// one; removed when it goes out of scope.
+class ScratchQueue {
+ public:
+  ScratchQueue() {
+    int fd = mkstemp(path_);
+    if (fd < 0) throw CommandError("cannot create a queue file in /tmp");
+    close(fd);
+  }
+  ~ScratchQueue() { std::filesystem::remove(path_); }
+  const char* path() const { return path_; }
+
+ private:
+  char path_[32] = "/tmp/quillo-tick-XXXXXX";
+};
+
+// Runs campaign `id` for `day` and sends (or, with `kept` not empty, sends
+// that queue again). A queue that did not go out in full is kept in
+// quillo_tick_queues for the next tick, so nothing made is lost; one that
+// did is dropped from there. False when not all was delivered.
+bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& send,
+              const std::string& id, long day, const std::string& kept,
+              const std::shared_ptr<spdlog::logger>& log, const std::string& when) {
+  ScratchQueue queue;
+  SendOptions o = send;
+  o.queue = queue.path();
+  o.quiet = true;
+  if (kept.empty()) {
+    o.campaign = id;
+    o.date = DayText(day);
+  } else {
+    WriteFileBytes(queue.path(), kept);
+  }
+  bool delivered = false;
+  try {
+    SendTally r = RunAndSend(g, o);
+    std::string counts =
+        "messages=" + std::to_string(kept.empty() ? r.made : static_cast<int>(r.queued)) +
+        " sent=" + std::to_string(r.sent) + " refused=" + std::to_string(r.refused) +
+        " failed=" + std::to_string(r.failed) + " deferred=" + std::to_string(r.deferred) +
+        " in_doubt=" + std::to_string(r.in_doubt) +
+        " skipped=" + std::to_string(r.disabled + r.skipped);
+    delivered = r.AllDelivered() && r.busy == 0;
+    if (delivered) {
+      log->info("{} done: all delivered {}", when, counts);
+    } else {
+      log->warn("{} done: {} not delivered {}; kept for the next tick", when,
+                r.NotDelivered() + r.busy, counts);
+    }
+  } catch (const CommandError& e) {
+    log->error("{} failed: {}; kept for the next tick", when, e.what());
+  } catch (const RuntimeError& e) {
+    log->error("{} failed: error {}: {}; kept for the next tick", when, e.number, e.description);
+  }
+  auto connection = ConnectionOf(store);
+  const std::string key =
+      "CampaignRecID = '" + SqlQuote(id) + "' AND RunDate = '" + DayText(day) + "'";
+  connection->Execute("DELETE FROM quillo_tick_queues WHERE " + key);
+  std::string bytes = FileExists(queue.path()) ? ReadFileBytes(queue.path()) : std::string();
+  if (!delivered && !bytes.empty()) {
+    connection->Execute("INSERT INTO quillo_tick_queues (CampaignRecID, RunDate, Queue) VALUES ('" +
+                        SqlQuote(id) + "', '" + DayText(day) + "', '" + SqlQuote(bytes) + "')");
+  }
+  return delivered;
+}
 
 // The days `campaign` is due in [first, last], in order.
 std::vector<long> DueDays(const Store& store, const Campaign& c, long first, long last) {
@@ -151,6 +223,26 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
                              r.Value("CampaignEffectiveDate").ToDate()});
       });
   int failures = 0, not_delivered = 0, runs = 0;
+  if (!t.dry_run) {
+    // First what earlier ticks made but could not deliver in full.
+    struct Kept {
+      std::string id, day, queue;
+    };
+    std::vector<Kept> kept;
+    store.Query("SELECT CampaignRecID, RunDate, Queue FROM quillo_tick_queues ORDER BY RunDate;",
+                [&](const Row& r) {
+                  kept.push_back({r.Text("CampaignRecID"), r.Text("RunDate"), r.Text("Queue")});
+                });
+    for (const Kept& k : kept) {
+      long day = DayOf(ParseDateOption(k.day));
+      std::string when = "campaign=" + k.id + " date=" + k.day + " (kept queue)";
+      for (const Campaign& c : campaigns) {
+        if (c.id == k.id) when = "campaign=\"" + c.name + "\" date=" + k.day + " (kept queue)";
+      }
+      ++runs;
+      if (!SendDate(g, store, send, k.id, day, k.queue, log, when)) ++not_delivered;
+    }
+  }
   for (const Campaign& c : campaigns) {
     const std::string who = "campaign=\"" + c.name + "\"";
     if (c.disabled) {
@@ -213,32 +305,8 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
         log->info("{} skipped: claimed by another tick", when);
         continue;
       }
-      // Each run gets a queue file of its own, so ticks in one folder never
-      // share one.
-      char queue[] = "/tmp/quillo-tick-XXXXXX";
-      int fd = mkstemp(queue);
-      if (fd < 0) throw CommandError("cannot create a queue file in /tmp");
-      close(fd);
-      SendOptions o = send;
-      o.campaign = c.id;
-      o.date = DayText(day);
-      o.queue = queue;
-      o.quiet = true;
       ++runs;
-      try {
-        CmdSend(g, o);
-        log->info("{} done: all delivered", when);
-      } catch (const PartlyDone& e) {
-        log->warn("{} done: {}", when, e.what());
-        ++not_delivered;
-      } catch (const CommandError& e) {
-        log->error("{} failed: {}", when, e.what());
-        ++failures;
-      } catch (const RuntimeError& e) {
-        log->error("{} failed: error {}: {}", when, e.number, e.description);
-        ++failures;
-      }
-      std::filesystem::remove(queue);
+      if (!SendDate(g, store, send, c.id, day, "", log, when)) ++not_delivered;
     }
   }
   log->info("ran {} campaign date{}; {} not all delivered; {} problem{}", runs,

@@ -508,7 +508,7 @@ TEST_P(Processor, AHandlerMayLogSentItemsAndChangeTheSchemaOnTheSameConnectionMi
   AddItem("I1", "C", 0, "a.txt");
   AddItem("I2", "C", 7, "b.txt");
   for (int i = 0; i < 200; ++i) {
-    const std::string a = "A" + std::to_string(1000 + i);
+    const std::string a = std::string("A").append(std::to_string(1000 + i));
     AddClient(a, a + "@x.com");
     Enrol(a, "C", kRunDate);
   }
@@ -533,7 +533,7 @@ TEST_P(Processor, SentItemsLoggedByAnotherConnectionDuringTheRunAreSeen) {
   AddItem("I1", "C", 0, "a.txt");
   AddItem("I2", "C", 7, "b.txt");
   for (int i = 0; i < 300; ++i) {
-    const std::string a = "A" + std::to_string(1000 + i);
+    const std::string a = std::string("A").append(std::to_string(1000 + i));
     AddClient(a, a + "@x.com");
     Enrol(a, "C", kRunDate);
   }

@@ -107,7 +107,8 @@ class RecordingSmtp : public Object {
     for (const SmtpCall& c : calls) {
       std::string line = c.name;
       if (c.kind == CallKind::kPut) {
-        line += "=" + c.args.back().ToString();
+        line += "=";
+        line += c.args.back().ToString();
       } else {
         line += "(";
         for (size_t i = 0; i < c.args.size(); ++i) {

@@ -263,9 +263,11 @@ TEST(TagReplacer, AFreshValueIsAskedForEveryOccurrenceInOrder) {
   TagReplacer r;
   int n = 0;
   const std::vector<V> list = {V::kLast, V::kFirst};
-  const std::string out = r.Replace(
-      "<!--FIRST--><!--LAST--><!--FIRST--><!--LAST-->", list,
-      [&](V v, std::string& s) { s += (v == V::kFirst ? "F" : "L") + std::to_string(++n); });
+  const std::string out =
+      r.Replace("<!--FIRST--><!--LAST--><!--FIRST--><!--LAST-->", list, [&](V v, std::string& s) {
+        s += v == V::kFirst ? "F" : "L";
+        s += std::to_string(++n);
+      });
   EXPECT_EQ(out, "F3L1F4L2");
 }
 

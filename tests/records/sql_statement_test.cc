@@ -460,13 +460,16 @@ TEST_P(SqlStatementEngineTest, ReservedDefaultColumnWorksBare) {
 }
 
 TEST_P(SqlStatementEngineTest, SameShapeWithDifferentValuesGivesEachItsOwnRows) {
-  for (int i = 0; i < 20; ++i) InsertItem("k" + std::to_string(i), "c" + std::to_string(i % 3));
+  auto text = [](const char* prefix, int n) {
+    return std::string(prefix).append(std::to_string(n));
+  };
+  for (int i = 0; i < 20; ++i) InsertItem(text("k", i), text("c", i % 3));
   auto rs = std::make_shared<Recordset>();
   for (int i = 0; i < 20; ++i) {
     st_.Sql("SELECT Category FROM dmcatalogitem WHERE RecID = 'k" + std::to_string(i) + "'");
     ASSERT_TRUE(st_.GetRecordsetFO(rs));
     ASSERT_FALSE(rs->Eof());
-    EXPECT_EQ(rs->FieldValue("Category"), Variant("c" + std::to_string(i % 3)));
+    EXPECT_EQ(rs->FieldValue("Category"), Variant(text("c", i % 3)));
     rs->MoveNext();
     EXPECT_TRUE(rs->Eof());
   }

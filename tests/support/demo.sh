@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The demo job: a fresh SQLite database, a few dozen clients, one campaign of
-# each kind, a real SMTP server on loopback filing mail in a Maildir, and three
-# consecutive days of run-and-send. Prints what went to whom and where it landed.
+# each kind, a real SMTP server on loopback filing mail in a Maildir, three
+# consecutive days of run-and-send, then four days of `quillo tick`, the daily
+# job. Prints what went to whom, where it landed, and writes the HTML report.
 #
 #   tests/support/demo.sh BUILD_DIR [OUT_DIR]
 set -euo pipefail
@@ -87,6 +88,9 @@ q campaign item --campaign "Tips" --file "$T/tips.html" --interval 1 --descripti
 q campaign item --campaign "Tips" --file "$T/tips2.txt" --interval 2 --description "Tip two" >/dev/null
 q campaign add --name "Newsletter" --type 0 --description "Standard list: everyone, every run" >/dev/null
 q campaign item --campaign "Newsletter" --file "$T/news.txt" --interval 0 --description "Monthly news" >/dev/null
+q campaign add --name "Digest" --type 406 --interval 2 --effective "$(date -d '+3 days' +%F)" \
+  --description "Every 2 days from day 3, for the daily tick" >/dev/null
+q campaign item --campaign "Digest" --file "$T/tips2.txt" --interval 0 --description "The digest" >/dev/null
 q campaign list
 
 START=$(date -d '-2 days' +%F)
@@ -107,6 +111,7 @@ echo "-- enrolments from $START"
 q enrol import --campaign "Welcome series" "$OUT/welcome.csv"
 q enrol import --campaign "Tips" "$OUT/tips.csv"
 q enrol import --campaign "Newsletter" "$OUT/news.csv"
+q enrol import --campaign "Digest" "$OUT/tips.csv"
 
 echo "-- SMTP server (aiosmtpd) on loopback, Maildir $OUT/Maildir"
 /usr/bin/python3 "$SUPPORT/maildir_smtpd.py" --maildir "$OUT/Maildir" --port-file "$OUT/smtp.port" \
@@ -126,6 +131,18 @@ for offset in 0 1 2; do
   done
 done
 
+# From here on the daily job does it: each tick runs every campaign that is
+# due that day (and catches up a missed day), once.
+for offset in 3 4 5 6; do
+  D=$(date -d "$DAY1 +$offset days" +%F)
+  echo "-- $D: quillo tick"
+  q tick --date "$D" | sed -n 's/^.* tick /   /p'
+done
+
+echo "-- report of the welcome series"
+q report --campaign "Welcome series" --date "$(date -d "$DAY1 +6 days" +%F)" --days 9 \
+  --html "$OUT/report.html"
+
 echo "-- schedule of the newsletter"
 q schedule --campaign "Newsletter" --date "$DAY1"
 
@@ -138,3 +155,4 @@ for to, subject, parts in rows:
     print(f"  {to:<32} {subject:<20} {parts} part(s)")
 print(f"{len(rows)} messages delivered to {sys.argv[1]}")
 PY
+echo "-- the campaign report, with charts, is in $OUT/report.html"
