@@ -43,3 +43,6 @@ def test_the_readme_tour_runs_as_written_and_delivers_the_campaign(tmp_path, smt
     # The second send of the same day found nothing new to send.
     assert "sent 0, refused 0, failed 0" in done.stdout
     assert "ada@example.test" in (root / "examples" / "tour" / "ada.xml").read_text()
+    # The tick ran the next day, which had nothing for anyone; the report is written.
+    assert re.search(r"tick campaign=\"Welcome\" date=2026-03-06 done: all delivered messages=0 ", done.stdout), done.stdout
+    assert "<svg" in (root / "examples" / "tour" / "report.html").read_text()
