@@ -1,5 +1,5 @@
-// The Python face of our own delivery path: quillo.Mailer and
-// quillo.compose_message.
+// The Python face of our own delivery path: quillo.Mailer,
+// quillo.compose_message and quillo.campaign_report.
 //
 //   mailer = quillo.Mailer(host="mail.example.test", port=587, tls="required",
 //                          user="news", password=secret,
@@ -22,6 +22,8 @@
 #include <string>
 
 #include "delivery/mailer.h"
+#include "delivery/report.h"
+#include "platform/database.h"
 #include "python_values.h"
 #include "records/dmclients.h"
 
@@ -120,6 +122,55 @@ void AddMailBindings(py::module_& m) {
       py::arg("template"), py::arg("client"), py::arg("subject") = "", py::kw_only(),
       py::arg("from_address"), py::arg("from_name") = "",
       "The message the delivery path would send for the client, as bytes (not dot-stuffed).");
+
+  m.def(
+      "campaign_report",
+      [](const ObjectPtr& connection, const std::string& campaign_id, const std::string& last_day,
+         int days) {
+        auto conn = std::dynamic_pointer_cast<Connection>(connection);
+        if (!conn) throw py::type_error("connection must be a Connection");
+        delivery::CampaignReport r;
+        {
+          py::gil_scoped_release release;
+          std::lock_guard<std::recursive_mutex> serialised(LibraryLock());
+          r = delivery::BuildCampaignReport(conn, campaign_id, last_day, days);
+        }
+        static const char* const kNames[delivery::kLedgerStates] = {
+            "queued", "accepted", "deferred", "refused", "failed", "in_doubt"};
+        auto counts = [](const std::array<long, delivery::kLedgerStates>& c) {
+          py::dict d;
+          for (std::size_t i = 0; i < delivery::kLedgerStates; ++i) d[kNames[i]] = c[i];
+          return d;
+        };
+        py::list day_list, funnel;
+        for (const auto& d : r.days) {
+          py::dict row = counts(d.counts);
+          row["day"] = d.day;
+          day_list.append(row);
+        }
+        for (const auto& item : r.funnel) {
+          py::dict row;
+          row["item_id"] = item.item_id;
+          row["description"] = item.description;
+          row["interval"] = item.interval;
+          row["clients"] = item.clients;
+          funnel.append(row);
+        }
+        py::dict out;
+        out["campaign_id"] = r.campaign_id;
+        out["campaign_name"] = r.campaign_name;
+        out["first_day"] = r.first_day;
+        out["last_day"] = r.last_day;
+        out["days"] = day_list;
+        out["totals"] = counts(r.totals);
+        out["enrolled"] = r.enrolled;
+        out["funnel"] = funnel;
+        out["html"] = delivery::CampaignReportHtml(r);
+        return out;
+      },
+      py::arg("connection"), py::arg("campaign_id"), py::arg("last_day"), py::arg("days") = 30,
+      "A campaign's messages by campaign date and state, and how far its clients got, as plain "
+      "values (with the HTML report under \"html\").");
 }
 
 }  // namespace quillo::python

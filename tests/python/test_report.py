@@ -213,3 +213,22 @@ def test_chromium_renders_the_report_without_a_network_request(cli, reported, tm
         assert "quillo.example" in proxy.page_requests()
     finally:
         proxy.close()
+
+
+def test_python_gets_the_report_as_plain_values(quillo, cli, reported):
+    out, page = reported
+    conn = quillo.OpenConnection(cli.db)
+    db = sqlite3.connect(str(cli.folder / "quillo.db"))
+    cid = db.execute("SELECT RecID FROM dmmrktcmp WHERE CampaignName = 'Seq'").fetchone()[0]
+    db.close()
+    report = quillo.campaign_report(conn, cid, "2026-03-12", 12)
+    assert report["campaign_name"] == "Seq"
+    assert (report["first_day"], report["last_day"]) == ("2026-03-01", "2026-03-12")
+    assert len(report["days"]) == 12 and report["days"][0]["day"] == "2026-03-01"
+    assert report["totals"]["accepted"] == 8 and report["totals"]["in_doubt"] == 0
+    assert report["enrolled"] == 3
+    assert [(i["description"], i["clients"]) for i in report["funnel"]] == [
+        ("Seq 0", 3), ("Seq 3", 3), ("Seq 10", 2)]
+    assert set(charts_of(report["html"]).bars) == set(charts_of(page).bars)
+    with pytest.raises(Exception):
+        quillo.campaign_report(conn, "no-such-campaign", "2026-03-12", 12)
