@@ -1,11 +1,6 @@
 # Shared compile settings for every quillo target.
 function(quillo_target_settings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
-  # GCC 12 reports -Wrestrict inside libstdc++'s string code at -O3 where no
-  # overlap is possible (GCC bug 105329); keep it a warning, not an error.
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    target_compile_options(${target} PRIVATE -Wno-error=restrict)
-  endif()
   if(QUILLO_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer
                                              -fno-sanitize-recover=undefined)
