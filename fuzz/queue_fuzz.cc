@@ -19,8 +19,8 @@ namespace {
 using Fields = std::vector<std::string>;
 
 Fields FieldsOf(const quillo::dmCampaignMsg& m) {
-  return {m.Email(),        m.MessageFileName(), m.Account(),       m.CampaignItemRecID(),
-          m.CampaignName(), m.CampaignRecID(),   m.HistoryRecID(),  m.CampaignType(),
+  return {m.Email(),        m.MessageFileName(), m.Account(),      m.CampaignItemRecID(),
+          m.CampaignName(), m.CampaignRecID(),   m.HistoryRecID(), m.CampaignType(),
           m.SendDate()};
 }
 
