@@ -2,6 +2,7 @@
 #ifndef QUILLO_CLI_COMMANDS_H_
 #define QUILLO_CLI_COMMANDS_H_
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -177,10 +178,41 @@ struct SendTally {
 // printing nothing (but the progress bar and --timings).
 SendTally RunAndSend(const GlobalOptions& g, const SendOptions& s);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
+// One thing a tick did or found, about one campaign (and one date).
+struct TickEvent {
+  enum class Level { kInfo, kWarning, kError };
+  Level level = Level::kInfo;
+  std::string campaign;            // Its name.
+  std::string date;                // "yyyy-mm-dd"; "" when about the campaign as a whole.
+  std::string status;              // "done", "not delivered", "failed", "would run", "skipped",
+                                   // "nothing due" or "missed".
+  std::string detail;              // What happened, in words (the log line after the campaign).
+  bool kept_queue = false;         // About a queue an earlier tick kept.
+  std::optional<SendTally> tally;  // The send's counts ("done", "not delivered").
+  int messages = -1;               // For "would run": the messages the run would make.
+};
+
+// What a tick did: its events in order, the campaign dates it ran, how many
+// of those were not all delivered, and the problems (missed dates, campaigns
+// without run dates).
+struct TickResult {
+  std::vector<TickEvent> events;
+  int runs = 0;
+  int not_delivered = 0;
+  int problems = 0;
+};
+
 // Runs and sends, once per date, every enabled campaign that is due on the
 // tick's date or was due since its last run (within the catch-up window),
-// sending as `send` says. PartlyDone when messages were not all delivered,
-// CommandError when a campaign date failed or was missed.
+// sending as `send` says; first it sends again the queues earlier ticks kept.
+// Calls `on_event` as each event happens. Prints nothing. CommandError for
+// bad options or a database it cannot use.
+TickResult Tick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send,
+                const std::function<void(const TickEvent&)>& on_event = {});
+// The log line of an event: campaign="NAME" [date=D] [(kept queue)] DETAIL.
+std::string TickLine(const TickEvent& e);
+// Tick, logging one line per event; PartlyDone when messages were not all
+// delivered, CommandError when there were problems.
 void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send);
 // Creates, when missing, quillo_tick_claims, where a tick claims a
 // campaign's date, and quillo_tick_queues, where it keeps a queue that did

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <vector>
 
@@ -77,6 +78,8 @@ bool Claim(const Store& store, const std::string& campaign, long day,
   }
 }
 
+using Emit = std::function<void(TickEvent)>;
+
 struct Campaign {
   std::string id, name;
   std::int32_t type = 0;
@@ -105,8 +108,8 @@ class ScratchQueue {
 // quillo_tick_queues for the next tick, so nothing made is lost; one that
 // did is dropped from there. False when not all was delivered.
 bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& send,
-              const std::string& id, long day, const std::string& kept,
-              const std::shared_ptr<spdlog::logger>& log, const std::string& when) {
+              const std::string& id, long day, const std::string& kept, TickEvent event,
+              const Emit& emit) {
   ScratchQueue queue;
   SendOptions o = send;
   o.queue = queue.path();
@@ -120,24 +123,34 @@ bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& sen
   bool delivered = false;
   try {
     SendTally r = RunAndSend(g, o);
+    if (!kept.empty()) r.made = static_cast<int>(r.queued);
     std::string counts =
-        "messages=" + std::to_string(kept.empty() ? r.made : static_cast<int>(r.queued)) +
-        " sent=" + std::to_string(r.sent) + " refused=" + std::to_string(r.refused) +
-        " failed=" + std::to_string(r.failed) + " deferred=" + std::to_string(r.deferred) +
-        " in_doubt=" + std::to_string(r.in_doubt) +
+        "messages=" + std::to_string(r.made) + " sent=" + std::to_string(r.sent) +
+        " refused=" + std::to_string(r.refused) + " failed=" + std::to_string(r.failed) +
+        " deferred=" + std::to_string(r.deferred) + " in_doubt=" + std::to_string(r.in_doubt) +
         " skipped=" + std::to_string(r.disabled + r.skipped);
     delivered = r.AllDelivered() && r.busy == 0;
+    event.tally = r;
     if (delivered) {
-      log->info("{} done: all delivered {}", when, counts);
+      event.status = "done";
+      event.detail = "done: all delivered " + counts;
     } else {
-      log->warn("{} done: {} not delivered {}; kept for the next tick", when,
-                r.NotDelivered() + r.busy, counts);
+      event.level = TickEvent::Level::kWarning;
+      event.status = "not delivered";
+      event.detail = "done: " + std::to_string(r.NotDelivered() + r.busy) + " not delivered " +
+                     counts + "; kept for the next tick";
     }
   } catch (const CommandError& e) {
-    log->error("{} failed: {}; kept for the next tick", when, e.what());
+    event.level = TickEvent::Level::kError;
+    event.status = "failed";
+    event.detail = std::string("failed: ") + e.what() + "; kept for the next tick";
   } catch (const RuntimeError& e) {
-    log->error("{} failed: error {}: {}; kept for the next tick", when, e.number, e.description);
+    event.level = TickEvent::Level::kError;
+    event.status = "failed";
+    event.detail = "failed: error " + std::to_string(e.number) + ": " + e.description +
+                   "; kept for the next tick";
   }
+  emit(std::move(event));
   auto connection = ConnectionOf(store);
   const std::string key =
       "CampaignRecID = '" + SqlQuote(id) + "' AND RunDate = '" + DayText(day) + "'";
@@ -205,12 +218,34 @@ std::shared_ptr<spdlog::logger> TickLog() {
 
 }  // namespace
 
-void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send) {
+std::string TickLine(const TickEvent& e) {
+  std::string line = "campaign=\"" + e.campaign + "\"";
+  if (!e.date.empty()) line += " date=" + e.date;
+  if (e.kept_queue) line += " (kept queue)";
+  return line + " " + e.detail;
+}
+
+TickResult Tick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send,
+                const std::function<void(const TickEvent&)>& on_event) {
   if (t.catch_up < 1) throw CommandError("--catch-up wants 1 day or more");
   Store store(g.db);
   const long today = DayOf(t.date.empty() ? Today() : ParseDateOption(t.date));
-  auto log = TickLog();
   if (!t.dry_run) CreateTickClaimTable(store);
+  TickResult result;
+  const Emit emit = [&](TickEvent e) {
+    if (on_event) on_event(e);
+    result.events.push_back(std::move(e));
+  };
+  auto about = [](const std::string& campaign, const std::string& date, const char* status,
+                  std::string detail, TickEvent::Level level = TickEvent::Level::kInfo) {
+    TickEvent e;
+    e.level = level;
+    e.campaign = campaign;
+    e.date = date;
+    e.status = status;
+    e.detail = std::move(detail);
+    return e;
+  };
 
   std::vector<Campaign> campaigns;
   store.Query(
@@ -222,7 +257,6 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
                              r.Value("Disabled").ToLong() != 0,
                              r.Value("CampaignEffectiveDate").ToDate()});
       });
-  int failures = 0, not_delivered = 0, runs = 0;
   if (!t.dry_run) {
     // First what earlier ticks made but could not deliver in full.
     struct Kept {
@@ -234,27 +268,30 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
                   kept.push_back({r.Text("CampaignRecID"), r.Text("RunDate"), r.Text("Queue")});
                 });
     for (const Kept& k : kept) {
-      long day = DayOf(ParseDateOption(k.day));
-      std::string when = "campaign=" + k.id + " date=" + k.day + " (kept queue)";
+      TickEvent e = about(k.id, k.day, "", "");
+      e.kept_queue = true;
       for (const Campaign& c : campaigns) {
-        if (c.id == k.id) when = "campaign=\"" + c.name + "\" date=" + k.day + " (kept queue)";
+        if (c.id == k.id) e.campaign = c.name;
       }
-      ++runs;
-      if (!SendDate(g, store, send, k.id, day, k.queue, log, when)) ++not_delivered;
+      ++result.runs;
+      if (!SendDate(g, store, send, k.id, DayOf(ParseDateOption(k.day)), k.queue, e, emit)) {
+        ++result.not_delivered;
+      }
     }
   }
   for (const Campaign& c : campaigns) {
-    const std::string who = "campaign=\"" + c.name + "\"";
     if (c.disabled) {
-      log->info("{} skipped: disabled", who);
+      emit(about(c.name, "", "skipped", "skipped: disabled"));
       continue;
     }
     if (c.type == 0) {
-      log->info("{} skipped: kind 0 has no schedule (run it with `quillo send --campaign`)", who);
+      emit(about(c.name, "", "skipped",
+                 "skipped: kind 0 has no schedule (run it with `quillo send --campaign`)"));
       continue;
     }
     if (c.type == 105) {
-      log->info("{} skipped: code 105 has no weekday by design, so it is never due", who);
+      emit(about(c.name, "", "skipped",
+                 "skipped: code 105 has no weekday by design, so it is never due"));
       continue;
     }
     std::set<long> handled = HandledDays(store, c.id, !t.dry_run);
@@ -273,48 +310,69 @@ void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& se
     try {
       due = DueDays(store, c, first, today);
     } catch (const RuntimeError& e) {
-      log->warn("{} skipped: no run dates: error {}: {}", who, e.number, e.description);
-      ++failures;
+      emit(about(c.name, "", "failed",
+                 "skipped: no run dates: error " + std::to_string(e.number) + ": " + e.description,
+                 TickEvent::Level::kWarning));
+      ++result.problems;
       continue;
     }
     std::vector<long> missed, todo;
     for (long day : due) (day < window ? missed : todo).push_back(day);
     if (!missed.empty()) {
-      log->warn(
-          "{} missed {} due date{} from {} to {}, past the catch-up of {} days: not run (run one "
-          "with `quillo send --campaign` and --date, or tick with a longer --catch-up)",
-          who, missed.size(), missed.size() == 1 ? "" : "s", DayText(missed.front()),
-          DayText(missed.back()), t.catch_up);
-      ++failures;
+      emit(about(c.name, "", "missed",
+                 "missed " + std::to_string(missed.size()) + " due date" +
+                     (missed.size() == 1 ? "" : "s") + " from " + DayText(missed.front()) + " to " +
+                     DayText(missed.back()) + ", past the catch-up of " +
+                     std::to_string(t.catch_up) +
+                     " days: not run (run one with `quillo send --campaign` and --date, or tick "
+                     "with a longer --catch-up)",
+                 TickEvent::Level::kWarning));
+      ++result.problems;
       // Reported once: a later tick starts after them.
       if (!t.dry_run) {
         for (long day : missed) Claim(store, c.id, day, "missed");
       }
     }
     if (todo.empty()) {
-      log->info("{} nothing due", who);
+      emit(about(c.name, "", "nothing due", "nothing due"));
       continue;
     }
     for (long day : todo) {
-      const std::string when = who + " date=" + DayText(day);
       if (t.dry_run) {
-        log->info("{} would run: {} messages", when, DryRunCount(store, c, day));
+        TickEvent e = about(c.name, DayText(day), "would run", "");
+        e.messages = DryRunCount(store, c, day);
+        e.detail = "would run: " + std::to_string(e.messages) + " messages";
+        emit(std::move(e));
         continue;
       }
       if (!Claim(store, c.id, day)) {
-        log->info("{} skipped: claimed by another tick", when);
+        emit(about(c.name, DayText(day), "skipped", "skipped: claimed by another tick"));
         continue;
       }
-      ++runs;
-      if (!SendDate(g, store, send, c.id, day, "", log, when)) ++not_delivered;
+      ++result.runs;
+      if (!SendDate(g, store, send, c.id, day, "", about(c.name, DayText(day), "", ""), emit)) {
+        ++result.not_delivered;
+      }
     }
   }
-  log->info("ran {} campaign date{}; {} not all delivered; {} problem{}", runs,
-            runs == 1 ? "" : "s", not_delivered, failures, failures == 1 ? "" : "s");
-  if (failures > 0)
-    throw CommandError("tick: " + std::to_string(failures) + " problem(s), see above");
-  if (not_delivered > 0) {
-    throw PartlyDone(std::to_string(not_delivered) + " campaign date(s) were not all delivered");
+  return result;
+}
+
+void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send) {
+  auto log = TickLog();
+  TickResult r = Tick(g, t, send, [&](const TickEvent& e) {
+    auto level = e.level == TickEvent::Level::kError     ? spdlog::level::err
+                 : e.level == TickEvent::Level::kWarning ? spdlog::level::warn
+                                                         : spdlog::level::info;
+    log->log(level, "{}", TickLine(e));
+  });
+  log->info("ran {} campaign date{}; {} not all delivered; {} problem{}", r.runs,
+            r.runs == 1 ? "" : "s", r.not_delivered, r.problems, r.problems == 1 ? "" : "s");
+  if (r.problems > 0) {
+    throw CommandError("tick: " + std::to_string(r.problems) + " problem(s), see above");
+  }
+  if (r.not_delivered > 0) {
+    throw PartlyDone(std::to_string(r.not_delivered) + " campaign date(s) were not all delivered");
   }
 }
 

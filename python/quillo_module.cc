@@ -307,6 +307,9 @@ void DefineRegional(py::module_& m) {
 
 namespace quillo::python {
 void AddMailBindings(py::module_& m);  // mail_module.cc
+#ifdef QUILLO_PYTHON_TICK
+void AddTickBindings(py::module_& m);  // tick_module.cc
+#endif
 }  // namespace quillo::python
 
 PYBIND11_MODULE(quillo, m) {
@@ -316,6 +319,9 @@ PYBIND11_MODULE(quillo, m) {
   m.doc() = "quillo: timed, sequential e-mail campaigns, driven by name.";
   py::exec(kPythonDefinitions, m.attr("__dict__"));
   AddMailBindings(m);
+#ifdef QUILLO_PYTHON_TICK
+  AddTickBindings(m);
+#endif
 
   py::class_<Object, ObjectPtr>(m, "Object",
                                 "A quillo object; its members are reached by name as "

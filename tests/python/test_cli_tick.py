@@ -225,3 +225,33 @@ def test_what_a_tick_could_not_deliver_goes_out_at_the_next_tick_once(cli, smtp_
     again = tick(cli, server, datetime.date(2026, 3, 2)).stdout
     assert "kept queue" not in again
     assert len(arrivals(server)) == len(got)
+
+
+def test_python_ticks_with_the_same_job_and_gets_plain_values(quillo, cli, smtp_server):
+    server = smtp_server()
+    setup_month(cli)
+    smtp = "smtp://127.0.0.1:%d" % server.port
+    dry = quillo.tick(cli.db, date="2026-03-01", dry_run=True, smtp=smtp,
+                      from_address="news@quillo.example")
+    would = {e["campaign"]: e["messages"] for e in dry["events"] if e["status"] == "would run"}
+    assert would == {"Inc": 1, "Seq": 2, "Weekly": 1}
+    assert server.messages() == {}
+
+    done = quillo.tick(cli.db, date="2026-03-01", smtp=smtp, from_address="news@quillo.example")
+    assert (done["runs"], done["not_delivered"], done["problems"]) == (3, 0, 0)
+    seq = [e for e in done["events"] if e["campaign"] == "Seq"][0]
+    assert seq["status"] == "done" and seq["date"] == "2026-03-01"
+    assert (seq["messages"], seq["sent"], seq["refused"], seq["in_doubt"]) == (2, 2, 0, 0)
+    statuses = {e["campaign"]: e["status"] for e in done["events"]}
+    assert statuses["ByHand"] == "skipped" and statuses["Tuesdays"] == "nothing due"
+    assert sorted(arrivals(server)) == sorted([("a@example.test", "Inc 1"),
+                                               ("a@example.test", "Seq 0"),
+                                               ("b@example.test", "Seq 0"),
+                                               ("c@example.test", "Every 7 days")])
+    # The command's tick on the same day finds it done.
+    again = tick(cli, server, datetime.date(2026, 3, 1)).stdout
+    assert " done:" not in again
+    with pytest.raises(ValueError):
+        quillo.tick(cli.db, tls="sometimes")
+    with pytest.raises(RuntimeError, match="unknown|no database|catch-up"):
+        quillo.tick(cli.db, catch_up=0)
