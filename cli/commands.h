@@ -3,6 +3,7 @@
 #define QUILLO_CLI_COMMANDS_H_
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,10 @@ void CheckCampaignType(std::int32_t type);
 // can make a message (with `subject`); CommandError otherwise. Stored
 // absolute, a template resolves the same from any folder.
 std::string CheckedTemplatePath(const std::string& file, const std::string& subject);
+
+// Prints rows under a header, in columns; "(none)" when there are none.
+void PrintTable(const std::vector<std::string>& header,
+                const std::vector<std::vector<std::string>>& rows);
 
 // Text form of a date for listings ("yyyy-mm-dd", or "-" for the zero date).
 std::string DateText(Date d);
@@ -76,6 +81,12 @@ struct RunOptions {
   std::string date;
   std::string queue;  // Empty: the messages are listed, not queued.
   bool quiet = false;
+};
+struct SuppressAdd {
+  std::string email;
+  std::string reason = "manual";  // unsubscribed, bounced, complained or manual.
+  std::string campaign;           // The campaign it came from, if any.
+  std::string note;
 };
 struct ReportOptions {
   std::string campaign;
@@ -158,6 +169,22 @@ std::optional<std::string> ReferencedPassword(const Store& store, const std::str
 // Makes the account `email` the only default one.
 void CmdAccountDefault(const GlobalOptions& g, const std::string& email);
 void CmdRun(const GlobalOptions& g, const RunOptions& r);
+// The suppression list (quillo_suppressions), read once.
+class SuppressionSet {
+ public:
+  explicit SuppressionSet(const Store& store);
+  // Why `email` gets nothing ("unsubscribed", ...), or nullopt.
+  std::optional<std::string> Reason(const std::string& email) const;
+
+ private:
+  std::map<std::string, std::string> reasons_;  // By MailboxKey.
+};
+
+// quillo suppress add|remove|list.
+void CmdSuppressAdd(const GlobalOptions& g, const SuppressAdd& a);
+void CmdSuppressRemove(const GlobalOptions& g, const std::string& email);
+void CmdSuppressList(const GlobalOptions& g);
+
 // What one send did.
 struct SendTally {
   std::string run_id;  // The run made first (send --campaign), or "".
@@ -168,6 +195,7 @@ struct SendTally {
   int in_doubt = 0;                // Claimed by a sender that stopped; not sent again unless asked.
   int busy = 0;                    // Held by another sender working now.
   int disabled = 0;                // For a disabled campaign, client, enrolment or item: skipped.
+  int suppressed = 0;              // To an address on the suppression list: not sent.
   long abandoned = 0;              // Claims of stopped senders found at the start.
   bool campaign_disabled = false;  // The campaign to run is disabled: nothing was done.
   int NotDelivered() const { return refused + failed + deferred + in_doubt; }

@@ -229,6 +229,26 @@ int main(int argc, char** argv) {
   AddSendOptions(tick, tick_send);
   tick->callback([&] { action = [&] { CmdTick(g, to, tick_send); }; });
 
+  // suppress
+  auto* suppress = app.add_subcommand(
+      "suppress", "The suppression list: addresses that are never sent anything");
+  suppress->require_subcommand(1);
+  SuppressAdd sa;
+  auto* s_add = suppress->add_subcommand("add", "Put an address on the suppression list");
+  s_add->add_option("email", sa.email, "The address")->required();
+  s_add->add_option("--reason", sa.reason, "unsubscribed, bounced, complained or manual")
+      ->capture_default_str();
+  s_add->add_option("--campaign", sa.campaign, "The campaign it came from (for reports)");
+  s_add->add_option("--note", sa.note, "Free text");
+  s_add->callback([&] { action = [&] { CmdSuppressAdd(g, sa); }; });
+  std::string unsuppressed;
+  auto* s_remove = suppress->add_subcommand("remove", "Take an address off the suppression list");
+  s_remove->add_option("email", unsuppressed, "The address")->required();
+  s_remove->callback([&] { action = [&] { CmdSuppressRemove(g, unsuppressed); }; });
+  suppress->add_subcommand("list", "List the suppression list")->callback([&] {
+    action = [&] { CmdSuppressList(g); };
+  });
+
   // report
   ReportOptions ro_report;
   auto* report = app.add_subcommand(

@@ -44,8 +44,6 @@ std::string DateText(Date d) {
 
 Date DateOrToday(const std::string& text) { return text.empty() ? Today() : ParseDateOption(text); }
 
-namespace {
-
 void PrintTable(const std::vector<std::string>& header,
                 const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> width(header.size());
@@ -67,6 +65,8 @@ void PrintTable(const std::vector<std::string>& header,
   for (const auto& row : rows) print_row(row);
   if (rows.empty()) std::printf("(none)\n");
 }
+
+namespace {
 
 // One data row of a CSV file with a header row: its line and its fields by
 // the lower-case header name.
@@ -162,6 +162,7 @@ void CmdInit(const GlobalOptions& g) {
   CreatePasswordReferenceTable(store);
   CreateDisabledTable(store);
   CreateTickClaimTable(store);
+  delivery::CreateSuppressionSchema(*connection);
   try {
     // One client per address whatever its case, even under concurrent imports.
     connection->Execute(

@@ -315,6 +315,7 @@ struct Attempt {
   smtp::OutcomeKind kind = smtp::OutcomeKind::kFailed;
   std::string reason;        // Never empty when not accepted.
   bool unreachable = false;  // The server itself could not be used.
+  bool suppressed = false;   // Not sent: the address is on the suppression list.
 };
 
 // Delivers one queued message to its client with a subject.
@@ -459,6 +460,7 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
   Tally t;
   t.abandoned = ledger.MarkAbandonedClaims();
   const DisabledSet disabled(store);
+  const SuppressionSet suppressions(store);
   long done = 0;
   for (size_t start = 0; start < messages.size(); start += kGroupSize) {
     size_t end = std::min(messages.size(), start + kGroupSize);
@@ -507,6 +509,12 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
           break;
       }
       Attempt a;
+      if (auto why = suppressions.Reason(m.email)) {
+        a.suppressed = true;
+        a.reason = "suppressed: " + *why;
+        outcomes.push_back({i, a});
+        continue;
+      }
       if (stop) {
         a.reason = "not attempted: " + stop_reason;
         outcomes.push_back({i, a});
@@ -536,6 +544,11 @@ Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
       for (const Done& d : outcomes) {
         const QueuedMessage& m = *group[d.index];
         const Attempt& a = d.attempt;
+        if (a.suppressed) {
+          ledger.Record(keys[d.index], delivery::LedgerState::kSuppressed, a.reason);
+          ++t.suppressed;
+          continue;
+        }
         ledger.Record(keys[d.index], LedgerStateOf(a.kind), a.reason);
         if (a.unreachable || a.reason.rfind("not attempted: ", 0) == 0) continue;
         switch (a.kind) {
@@ -658,6 +671,9 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
     std::printf("skipped %d messages of disabled campaigns, clients, enrolments or items\n",
                 t.disabled);
   }
+  if (t.suppressed > 0) {
+    std::printf("suppressed %d messages to addresses on the suppression list\n", t.suppressed);
+  }
   if (t.in_doubt > 0 || t.busy > 0 || t.abandoned > 0) {
     std::printf(
         "in doubt %d (not sent again; --resend-in-doubt sends them), held by another "
@@ -757,20 +773,25 @@ void CmdReport(const GlobalOptions& g, const ReportOptions& o) {
       connection, campaign_id, FormatDate(last, "yyyy-mm-dd"), o.days);
   std::printf("campaign %s: %s to %s (%d days), by the campaign date of each message\n",
               r.campaign_name.c_str(), r.first_day.c_str(), r.last_day.c_str(), o.days);
-  const char* names[] = {"QUEUED", "ACCEPTED", "DEFERRED", "REFUSED", "FAILED", "IN-DOUBT"};
+  const char* names[] = {"QUEUED",   "ACCEPTED",   "DEFERRED",     "REFUSED", "FAILED",
+                         "IN-DOUBT", "SUPPRESSED", "UNSUBSCRIBED", "BOUNCED"};
   std::printf("%-10s", "DATE");
-  for (const char* n : names) std::printf(" %9s", n);
+  for (const char* n : names) std::printf(" %12s", n);
   std::printf("\n");
+  long unsubscribed = 0, bounced = 0;
   for (const auto& d : r.days) {
-    long sum = 0;
+    long sum = d.unsubscribed + d.bounced;
     for (long c : d.counts) sum += c;
-    if (sum == 0) continue;  // Days without messages are left out.
+    if (sum == 0) continue;  // Days with nothing are left out.
     std::printf("%-10s", d.day.c_str());
-    for (long c : d.counts) std::printf(" %9ld", c);
-    std::printf("\n");
+    for (long c : d.counts) std::printf(" %12ld", c);
+    std::printf(" %12ld %12ld\n", d.unsubscribed, d.bounced);
+    unsubscribed += d.unsubscribed;
+    bounced += d.bounced;
   }
   std::printf("%-10s", "total");
-  for (long c : r.totals) std::printf(" %9ld", c);
+  for (long c : r.totals) std::printf(" %12ld", c);
+  std::printf(" %12ld %12ld", unsubscribed, bounced);
   std::printf("\n\nenrolled   %ld clients\n", r.enrolled);
   for (const auto& item : r.funnel) {
     std::printf("day %-6ld %ld clients got \"%s\"\n", item.interval, item.clients,

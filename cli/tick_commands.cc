@@ -128,7 +128,8 @@ bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& sen
         "messages=" + std::to_string(r.made) + " sent=" + std::to_string(r.sent) +
         " refused=" + std::to_string(r.refused) + " failed=" + std::to_string(r.failed) +
         " deferred=" + std::to_string(r.deferred) + " in_doubt=" + std::to_string(r.in_doubt) +
-        " skipped=" + std::to_string(r.disabled + r.skipped);
+        " skipped=" + std::to_string(r.disabled + r.skipped) +
+        " suppressed=" + std::to_string(r.suppressed);
     delivered = r.AllDelivered() && r.busy == 0;
     event.tally = r;
     if (delivered) {

@@ -136,7 +136,7 @@ void AddMailBindings(py::module_& m) {
           r = delivery::BuildCampaignReport(conn, campaign_id, last_day, days);
         }
         static const char* const kNames[delivery::kLedgerStates] = {
-            "queued", "accepted", "deferred", "refused", "failed", "in_doubt"};
+            "queued", "accepted", "deferred", "refused", "failed", "in_doubt", "suppressed"};
         auto counts = [](const std::array<long, delivery::kLedgerStates>& c) {
           py::dict d;
           for (std::size_t i = 0; i < delivery::kLedgerStates; ++i) d[kNames[i]] = c[i];
@@ -146,6 +146,8 @@ void AddMailBindings(py::module_& m) {
         for (const auto& d : r.days) {
           py::dict row = counts(d.counts);
           row["day"] = d.day;
+          row["unsubscribed"] = d.unsubscribed;
+          row["bounced"] = d.bounced;
           day_list.append(row);
         }
         for (const auto& item : r.funnel) {

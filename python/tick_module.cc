@@ -8,7 +8,7 @@
 // The result is a dict of plain values: "events" (a list of dicts, one per
 // campaign and date, with "campaign", "date", "status", "detail",
 // "kept_queue", and the counts "messages", "sent", "refused", "failed",
-// "deferred", "in_doubt" and "skipped" when the date was sent, or
+// "deferred", "in_doubt", "skipped" and "suppressed" when the date was sent, or
 // "messages" alone for a dry run), "runs", "not_delivered" and "problems".
 #include <pybind11/pybind11.h>
 
@@ -72,6 +72,7 @@ void AddTickBindings(py::module_& m) {
             d["deferred"] = e.tally->deferred;
             d["in_doubt"] = e.tally->in_doubt;
             d["skipped"] = e.tally->disabled + e.tally->skipped;
+            d["suppressed"] = e.tally->suppressed;
           }
           events.append(d);
         }

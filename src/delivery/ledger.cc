@@ -16,8 +16,8 @@ namespace quillo::delivery {
 
 namespace {
 
-constexpr const char* kStateNames[] = {"claimed", "accepted", "deferred",
-                                       "refused", "failed",   "in-doubt"};
+constexpr const char* kStateNames[kLedgerStateCount] = {
+    "claimed", "accepted", "deferred", "refused", "failed", "in-doubt", "suppressed"};
 
 std::string Quote(std::string_view text) { return SqlLiteral(text); }
 
@@ -59,7 +59,7 @@ std::string SqlLiteral(std::string_view text) {
 const char* LedgerStateName(LedgerState state) { return kStateNames[static_cast<int>(state)]; }
 
 std::optional<LedgerState> ParseLedgerState(std::string_view name) {
-  for (int i = 0; i < 6; ++i) {
+  for (int i = 0; i < kLedgerStateCount; ++i) {
     if (name == kStateNames[i]) return static_cast<LedgerState>(i);
   }
   return std::nullopt;
@@ -94,6 +94,17 @@ void CreateLedgerSchema(Connection& connection) {
     probe.Close();
   } catch (const RuntimeError&) {
     connection.Execute("ALTER TABLE quillo_deliveries ADD COLUMN RunDate VARCHAR(10)");
+  }
+}
+
+void CreateSuppressionSchema(Connection& connection) {
+  const char* sql =
+      "CREATE TABLE IF NOT EXISTS quillo_suppressions (Email VARCHAR(255) NOT NULL PRIMARY KEY, "
+      "Reason VARCHAR(16) NOT NULL, Detail TEXT, CampaignRecID VARCHAR(32), Added VARCHAR(19))";
+  try {
+    connection.Execute(sql);
+  } catch (const RuntimeError&) {
+    connection.Execute(sql);  // Made at the same moment by another session (PostgreSQL).
   }
 }
 
@@ -136,7 +147,7 @@ std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool re
   if (keys.empty()) return results;
   const std::string now = Quote(LedgerTime());
   const std::string worker = Quote(worker_);
-  std::string retryable = "State IN ('deferred', 'refused', 'failed'";
+  std::string retryable = "State IN ('deferred', 'refused', 'failed', 'suppressed'";
   if (resend_in_doubt) retryable += ", 'in-doubt'";
   retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + now + ")";
   Begin();
@@ -226,7 +237,7 @@ std::vector<LedgerRow> Ledger::Rows(LedgerState state, const std::string& campai
 }
 
 std::vector<long> Ledger::Counts(const std::string& campaign_id) const {
-  std::vector<long> counts(6, 0);
+  std::vector<long> counts(kLedgerStateCount, 0);
   std::string sql = "SELECT State, COUNT(*) AS N FROM quillo_deliveries";
   if (!campaign_id.empty()) sql += " WHERE CampaignRecID = " + Quote(campaign_id);
   sql += " GROUP BY State";

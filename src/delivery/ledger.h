@@ -39,9 +39,11 @@ class Connection;
 namespace delivery {
 
 // Where a message stands.
-enum class LedgerState { kClaimed, kAccepted, kDeferred, kRefused, kFailed, kInDoubt };
+enum class LedgerState { kClaimed, kAccepted, kDeferred, kRefused, kFailed, kInDoubt, kSuppressed };
+inline constexpr int kLedgerStateCount = 7;
 
-// "claimed", "accepted", "deferred", "refused", "failed", "in-doubt".
+// "claimed", "accepted", "deferred", "refused", "failed", "in-doubt", "suppressed" (not sent:
+// the address is on the suppression list; tried again at the next send).
 const char* LedgerStateName(LedgerState state);
 std::optional<LedgerState> ParseLedgerState(std::string_view name);
 
@@ -78,6 +80,12 @@ struct LedgerRow {
 
 // Creates quillo_deliveries and its index when missing (SQLite and PostgreSQL).
 void CreateLedgerSchema(Connection& connection);
+
+// Creates quillo_suppressions, the addresses nothing is sent to, when
+// missing: Email (the key, as MailboxKey folds it), Reason ("unsubscribed",
+// "bounced", "complained" or "manual"), Detail, CampaignRecID (the campaign
+// it came from, or empty) and Added (UTC "yyyy-mm-dd hh:nn:ss").
+void CreateSuppressionSchema(Connection& connection);
 
 class Ledger {
  public:

@@ -51,10 +51,10 @@ std::string Html(std::string_view text) {
 }
 
 // The states as the report names them, and their colours.
-constexpr const char* kReportNames[kLedgerStates] = {"queued",  "accepted", "deferred",
-                                                     "refused", "failed",   "in doubt"};
-constexpr const char* kColours[kLedgerStates] = {"#9aa5b1", "#2f9e44", "#f08c00",
-                                                 "#c92a2a", "#862e9c", "#495057"};
+constexpr const char* kReportNames[kLedgerStates] = {"queued", "accepted", "deferred",  "refused",
+                                                     "failed", "in doubt", "suppressed"};
+constexpr const char* kColours[kLedgerStates] = {"#9aa5b1", "#2f9e44", "#f08c00", "#c92a2a",
+                                                 "#862e9c", "#495057", "#e8590c"};
 
 std::string Number(double v) {
   char buffer[32];
@@ -98,6 +98,22 @@ CampaignReport BuildCampaignReport(const std::shared_ptr<Connection>& connection
     auto s = static_cast<std::size_t>(*state);
     ++r.days[static_cast<std::size_t>(n - first)].counts[s];
     ++r.totals[s];
+  }
+  rs.Close();
+
+  CreateSuppressionSchema(*connection);
+  rs.Open("SELECT Reason, Added FROM quillo_suppressions WHERE CampaignRecID = " + campaign,
+          connection, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+  for (; !rs.Eof(); rs.MoveNext()) {
+    std::string day = FieldText(rs, "Added").substr(0, 10);
+    std::string reason = FieldText(rs, "Reason");
+    Date d;
+    if (day.size() != 10 || !TryParseDate(day, &d)) continue;
+    long n = static_cast<long>(std::floor(d.value));
+    if (n < first || n > last) continue;
+    DayOutcomes& row = r.days[static_cast<std::size_t>(n - first)];
+    if (reason == "unsubscribed") ++row.unsubscribed;
+    if (reason == "bounced" || reason == "complained") ++row.bounced;
   }
   rs.Close();
 
@@ -183,6 +199,34 @@ std::string CampaignReportHtml(const CampaignReport& r) {
            "\">" + std::to_string(r.totals[s]) + "</td></tr>\n";
   }
   out += "</table>\n";
+
+  // Unsubscribes and bounces per day.
+  long most = 1;
+  for (const auto& d : r.days) most = std::max({most, d.unsubscribed, d.bounced});
+  const double small_h = 100;
+  out += "<h2>Unsubscribes and bounces per day</h2>\n";
+  out += "<svg id=\"lost\" width=\"" + Number(width) + "\" height=\"" + Number(small_h + top + 20) +
+         "\" role=\"img\">\n";
+  out += "<line x1=\"" + Number(left) + "\" y1=\"" + Number(top + small_h) + "\" x2=\"" +
+         Number(width) + "\" y2=\"" + Number(top + small_h) + "\" stroke=\"#868e96\"/>\n";
+  out += "<text x=\"2\" y=\"" + Number(top + 10) + "\">" + std::to_string(most) + "</text>\n";
+  for (std::size_t i = 0; i < r.days.size(); ++i) {
+    const auto& d = r.days[i];
+    double x = left + static_cast<double>(i) * (bar_w + gap);
+    const std::pair<const char*, long> kinds[] = {{"unsubscribed", d.unsubscribed},
+                                                  {"bounced", d.bounced}};
+    for (int k = 0; k < 2; ++k) {
+      if (kinds[k].second == 0) continue;
+      double h = small_h * static_cast<double>(kinds[k].second) / static_cast<double>(most);
+      out += "<rect class=\"lost\" data-day=\"" + d.day + "\" data-kind=\"" + kinds[k].first +
+             "\" data-count=\"" + std::to_string(kinds[k].second) + "\" x=\"" +
+             Number(x + k * bar_w / 2) + "\" y=\"" + Number(top + small_h - h) + "\" width=\"" +
+             Number(bar_w / 2) + "\" height=\"" + Number(h) + "\" fill=\"" +
+             (k == 0 ? "#f59f00" : "#c92a2a") + "\"><title>" + d.day + ": " +
+             std::to_string(kinds[k].second) + " " + kinds[k].first + "</title></rect>\n";
+    }
+  }
+  out += "</svg>\n";
 
   // The funnel: enrolled clients, then each item.
   out += "<h2>How far clients got</h2>\n";

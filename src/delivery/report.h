@@ -9,6 +9,8 @@
 // A message counts on the campaign date it was made for (the ledger's
 // RunDate; for rows from before it was kept, the day of its last update, in
 // UTC), in the state it is in now: "claimed" is queued, not yet finished.
+// Unsubscribes and bounces count on the day the address went on the
+// suppression list (quillo_suppressions) for the campaign.
 // The HTML form is one self-contained file: inline SVG charts, no script,
 // nothing fetched, so it can be mailed or archived.
 //
@@ -30,12 +32,14 @@ class Connection;
 
 namespace delivery {
 
-inline constexpr std::size_t kLedgerStates = 6;  // LedgerState values.
+inline constexpr std::size_t kLedgerStates = kLedgerStateCount;
 
 // The messages of one campaign date by ledger state (LedgerState order).
 struct DayOutcomes {
   std::string day;  // "yyyy-mm-dd".
   std::array<long, kLedgerStates> counts{};
+  long unsubscribed = 0;  // Addresses put on the suppression list that day for the
+  long bounced = 0;       // campaign, as unsubscribed or as bounced (or complained).
 };
 
 // How many clients got one item.

@@ -89,6 +89,20 @@ TEST_P(LedgerTest, AnAcceptedMessageIsNeverClaimedAgain) {
   EXPECT_EQ(other.Claim(keys, true), std::vector<ClaimResult>{ClaimResult::kAccepted});
 }
 
+TEST_P(LedgerTest, ASuppressedMessageIsClaimedAgainAtTheNextSend) {
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(1);
+  ledger.Claim(keys, false);
+  ledger.Begin();
+  ledger.Record(keys[0], LedgerState::kSuppressed, "suppressed: unsubscribed");
+  ledger.Commit();
+  EXPECT_EQ(ledger.Counts()[static_cast<int>(LedgerState::kSuppressed)], 1);
+  EXPECT_EQ(ledger.Rows(LedgerState::kSuppressed)[0].last_reply, "suppressed: unsubscribed");
+  // Off the list again, the message can go: the sender claims it.
+  Ledger other(db_->Open(), "host-b:2");
+  EXPECT_EQ(other.Claim(keys, false), std::vector<ClaimResult>{ClaimResult::kClaimed});
+}
+
 TEST_P(LedgerTest, DeferredRefusedAndFailedMessagesAreClaimedAgainWhenDue) {
   Ledger ledger(connection_, "host-a:1");
   auto keys = Keys(3);

@@ -83,12 +83,13 @@ def test_the_terminal_report_counts_what_the_database_holds(cli, reported):
                         "date of each message")
     table = {line.split()[0]: [int(n) for n in line.split()[1:]] for line in lines[2:]
              if line[:4] in ("2026", "tota")}
-    states = ["queued", "accepted", "deferred", "refused", "failed", "in doubt"]
+    states = ["queued", "accepted", "deferred", "refused", "failed", "in doubt", "suppressed",
+              "unsubscribed", "bounced"]
     expected = {}
     for day, state, n in by_day:
-        expected.setdefault(day, [0] * 6)[states.index(state)] += n
+        expected.setdefault(day, [0] * 9)[states.index(state)] += n
     assert {d: v for d, v in table.items() if d != "total"} == expected
-    assert table["total"] == [sum(v[i] for v in expected.values()) for i in range(6)]
+    assert table["total"] == [sum(v[i] for v in expected.values()) for i in range(9)]
     # a and b (enrolled on the 1st) got all three items, c (the 5th) two.
     assert table["total"][1] == 8
     assert "enrolled   3 clients" in out
