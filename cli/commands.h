@@ -116,8 +116,18 @@ struct SendOptions {
   bool resend_in_doubt = false;       // Send again what a stopped sender may have sent.
   bool compat = false;  // Send through the library's documented classes (trusted content only).
   bool quiet = false;
-  bool timings = false;  // Print where the time of the sending loop went.
+  bool timings = false;       // Print where the time of the sending loop went.
+  std::string dkim_key;       // PEM private key: sign every message (DKIM).
+  std::string dkim_selector;  // Where its public key is published.
+  std::string dkim_domain;    // d=; default the sender address's domain.
 };
+struct DkimKeygen {
+  std::string algorithm = "rsa";  // rsa or ed25519.
+  std::string key;                // Where to write the private key (must not exist).
+  std::string selector, domain;
+};
+// Makes a DKIM key pair and prints the DNS record to publish.
+void CmdDkimKeygen(const DkimKeygen& k);
 
 // Exit status of a command that ran to the end but left part of its work
 // undone (messages not delivered, rows rejected).

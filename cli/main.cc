@@ -55,6 +55,11 @@ void AddSendOptions(CLI::App* app, SendOptions& o) {
   app->add_option("--helo", o.helo, "Name given in EHLO (default: this host's name)");
   app->add_option("--from", o.from, "Sender address (with --smtp, or instead of the account's)");
   app->add_option("--from-name", o.from_name, "Sender display name");
+  app->add_option("--dkim-key", o.dkim_key,
+                  "Sign every message with this DKIM private key (PEM, RSA or Ed25519)");
+  app->add_option("--dkim-selector", o.dkim_selector, "The DKIM selector of --dkim-key");
+  app->add_option("--dkim-domain", o.dkim_domain,
+                  "The DKIM signing domain (default: the sender address's domain)");
   app->add_flag("--resend-in-doubt", o.resend_in_doubt,
                 "Send again the messages a stopped sender had claimed: each may then arrive twice");
   app->add_flag("--compat", o.compat,
@@ -228,6 +233,20 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   AddSendOptions(tick, tick_send);
   tick->callback([&] { action = [&] { CmdTick(g, to, tick_send); }; });
+
+  // dkim
+  auto* dkim = app.add_subcommand("dkim", "DKIM keys for signing what send and tick deliver");
+  dkim->require_subcommand(1);
+  DkimKeygen dk;
+  auto* keygen = dkim->add_subcommand("keygen", "Make a key pair and print its DNS record");
+  keygen->add_option("--key", dk.key, "File for the private key (made 0600; must not exist)")
+      ->required();
+  keygen->add_option("--selector", dk.selector, "The selector")->required();
+  keygen->add_option("--domain", dk.domain, "The signing domain")->required();
+  keygen->add_option("--algorithm", dk.algorithm, "rsa (2048 bits) or ed25519")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"rsa", "ed25519"}));
+  keygen->callback([&] { action = [&] { CmdDkimKeygen(dk); }; });
 
   // suppress
   auto* suppress = app.add_subcommand(

@@ -23,6 +23,7 @@
 
 #include "delivery/mailer.h"
 #include "delivery/report.h"
+#include "mail/address.h"
 #include "platform/database.h"
 #include "python_values.h"
 #include "records/dmclients.h"
@@ -70,7 +71,9 @@ void AddMailBindings(py::module_& m) {
                        const std::string& user, const std::string& password,
                        const std::string& from_address, const std::string& from_name,
                        const std::string& ca_file, const std::string& helo,
-                       bool allow_plaintext_auth, std::optional<int> timeout) {
+                       bool allow_plaintext_auth, std::optional<int> timeout,
+                       const std::string& dkim_key, const std::string& dkim_selector,
+                       const std::string& dkim_domain) {
              delivery::Account account;
              account.session.host = host;
              account.session.port = port;
@@ -84,12 +87,23 @@ void AddMailBindings(py::module_& m) {
                smtp::OverrideTimeouts(account.session.timeouts, std::chrono::seconds(*timeout));
              }
              account.from = {from_name, from_address};
+             if (!dkim_key.empty()) {
+               try {
+                 account.dkim = mail::LoadDkimKey(
+                     dkim_key,
+                     dkim_domain.empty() ? std::string(mail::DomainOf(from_address)) : dkim_domain,
+                     dkim_selector);
+               } catch (const mail::DkimError& e) {
+                 throw py::value_error(e.what());
+               }
+             }
              return std::make_unique<delivery::Mailer>(std::move(account));
            }),
            py::kw_only(), py::arg("host"), py::arg("port") = 25, py::arg("tls") = "opportunistic",
            py::arg("user") = "", py::arg("password") = "", py::arg("from_address"),
            py::arg("from_name") = "", py::arg("ca_file") = "", py::arg("helo") = "",
-           py::arg("allow_plaintext_auth") = false, py::arg("timeout") = py::none())
+           py::arg("allow_plaintext_auth") = false, py::arg("timeout") = py::none(),
+           py::arg("dkim_key") = "", py::arg("dkim_selector") = "", py::arg("dkim_domain") = "")
       .def(
           "send",
           [](delivery::Mailer& mailer, const std::string& template_path, const ObjectPtr& client,

@@ -1,5 +1,6 @@
 #include "delivery/mailer.h"
 
+#include <ctime>
 #include <utility>
 
 #include "mail/template_draft.h"
@@ -93,6 +94,15 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
   } catch (const std::exception& e) {
     delivery.outcome = NotSent(e.what());
     return delivery;
+  }
+  if (channel.account.dkim) {
+    try {
+      composed.data.insert(
+          0, mail::DkimSignature(*channel.account.dkim, composed.data, std::time(nullptr)));
+    } catch (const std::exception& e) {
+      delivery.outcome = NotSent(e.what());
+      return delivery;
+    }
   }
   delivery.message_id = composed.message_id;
   smtp::Envelope envelope;

@@ -34,6 +34,7 @@
 #include <string>
 
 #include "mail/composer.h"
+#include "mail/dkim.h"
 #include "mail/draft.h"
 #include "smtp/session.h"
 
@@ -45,8 +46,9 @@ namespace delivery {
 
 // Where and as whom to send.
 struct Account {
-  smtp::SessionOptions session;  // Server, TLS, credentials, EHLO name, timeouts.
-  mail::Mailbox from;            // The From mailbox and the envelope sender.
+  smtp::SessionOptions session;       // Server, TLS, credentials, EHLO name, timeouts.
+  mail::Mailbox from;                 // The From mailbox and the envelope sender.
+  std::optional<mail::DkimKey> dkim;  // Signs every message when set.
 };
 
 // The account whose sending address is `email`, or nullopt when none is
