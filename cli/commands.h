@@ -116,11 +116,19 @@ struct SendOptions {
   bool resend_in_doubt = false;       // Send again what a stopped sender may have sent.
   bool compat = false;  // Send through the library's documented classes (trusted content only).
   bool quiet = false;
-  bool timings = false;       // Print where the time of the sending loop went.
-  std::string dkim_key;       // PEM private key: sign every message (DKIM).
-  std::string dkim_selector;  // Where its public key is published.
-  std::string dkim_domain;    // d=; default the sender address's domain.
+  bool timings = false;            // Print where the time of the sending loop went.
+  std::string dkim_key;            // PEM private key: sign every message (DKIM).
+  std::string dkim_selector;       // Where its public key is published.
+  std::string dkim_domain;         // d=; default the sender address's domain.
+  std::string unsubscribe_url;     // Base of the one-click links (where `quillo serve` answers).
+  std::string unsubscribe_mailto;  // An address for mailto unsubscribes.
 };
+struct ServeOptions {
+  std::string listen = "127.0.0.1:8080";
+  int seconds = 0;  // Stop after this many seconds; 0: run until stopped.
+};
+// Serves the unsubscribe links and a health check.
+void CmdServe(const GlobalOptions& g, const ServeOptions& o);
 struct DkimKeygen {
   std::string algorithm = "rsa";  // rsa or ed25519.
   std::string key;                // Where to write the private key (must not exist).

@@ -55,6 +55,11 @@ void AddSendOptions(CLI::App* app, SendOptions& o) {
   app->add_option("--helo", o.helo, "Name given in EHLO (default: this host's name)");
   app->add_option("--from", o.from, "Sender address (with --smtp, or instead of the account's)");
   app->add_option("--from-name", o.from_name, "Sender display name");
+  app->add_option("--unsubscribe-url", o.unsubscribe_url,
+                  "Give every message List-Unsubscribe links under this base URL, where `quillo "
+                  "serve` answers (e.g. https://example.com/quillo)");
+  app->add_option("--unsubscribe-mailto", o.unsubscribe_mailto,
+                  "Also offer unsubscribing by mail to this address");
   app->add_option("--dkim-key", o.dkim_key,
                   "Sign every message with this DKIM private key (PEM, RSA or Ed25519)");
   app->add_option("--dkim-selector", o.dkim_selector, "The DKIM selector of --dkim-key");
@@ -233,6 +238,15 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   AddSendOptions(tick, tick_send);
   tick->callback([&] { action = [&] { CmdTick(g, to, tick_send); }; });
+
+  // serve
+  ServeOptions sv;
+  auto* serve = app.add_subcommand(
+      "serve", "Answer the unsubscribe links (one-click POST, a confirmation page) and /health");
+  serve->add_option("--listen", sv.listen, "HOST:PORT to listen on (port 0: any free port)")
+      ->capture_default_str();
+  serve->add_option("--seconds", sv.seconds, "Stop after this many seconds (default: never)");
+  serve->callback([&] { action = [&] { CmdServe(g, sv); }; });
 
   // dkim
   auto* dkim = app.add_subcommand("dkim", "DKIM keys for signing what send and tick deliver");

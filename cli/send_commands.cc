@@ -25,6 +25,7 @@
 #include "delivery/ledger.h"
 #include "delivery/mailer.h"
 #include "delivery/report.h"
+#include "delivery/unsubscribe.h"
 #include "mail/address.h"
 #include "mail/dkim.h"
 #include "mail/template_draft.h"
@@ -416,12 +417,31 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
   keep = std::make_shared<delivery::Mailer>(ModernAccount(settings, o), lookup);
   auto mailer = keep;
   auto delivered_any = std::make_shared<bool>(false);
-  return [mailer, delivered_any, &o](const QueuedMessage& m, const Dispatch& client,
-                                     const std::string& subject) {
+  // The unsubscribe links are signed with the database's own key.
+  std::string key;
+  if (!o.unsubscribe_url.empty()) {
+    if (o.unsubscribe_url.rfind("https://", 0) != 0 && o.unsubscribe_url.rfind("http://", 0) != 0) {
+      throw CommandError("--unsubscribe-url must start with https:// (or http://)");
+    }
+    key =
+        delivery::UnsubscribeKey(*std::dynamic_pointer_cast<Connection>(store.connection_object()));
+  }
+  std::string base = o.unsubscribe_url;
+  while (!base.empty() && base.back() == '/') base.pop_back();
+  const std::string domain(mail::DomainOf(settings.sender));
+  return [mailer, delivered_any, &o, key, base, domain](
+             const QueuedMessage& m, const Dispatch& client, const std::string& subject) {
     Attempt a;
     auto* record = dynamic_cast<dmclients*>(client.object().get());
+    delivery::ListHeaders list;
+    list.list_id = "\"" + m.campaign_name + "\" <" + LCase(m.campaign_id) + "." +
+                   (domain.empty() ? std::string("quillo.invalid") : domain) + ">";
+    if (!base.empty()) {
+      list.unsubscribe_url = base + delivery::UnsubscribePath(key, m.account, m.campaign_id);
+      list.unsubscribe_mailto = o.unsubscribe_mailto;
+    }
     delivery::Delivery d =
-        mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject);
+        mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject, list);
     a.kind = d.outcome.kind;
     a.reason = d.outcome.reason;
     // Before anything got through, a transport failure is the server's, not
@@ -620,6 +640,15 @@ SendTally RunAndSend(const GlobalOptions& g, const SendOptions& o) {
   SendTally t;
   if (o.compat && !o.dkim_key.empty()) {
     throw CommandError("--dkim-key signs on our own delivery path only, not with --compat");
+  }
+  if (!o.unsubscribe_url.empty() && o.unsubscribe_url.rfind("https://", 0) != 0 &&
+      o.unsubscribe_url.rfind("http://", 0) != 0) {
+    throw CommandError("--unsubscribe-url must start with https:// (or http://)");
+  }
+  if (o.compat && !o.unsubscribe_url.empty()) {
+    throw CommandError(
+        "--unsubscribe-url adds fields on our own delivery path only, not with "
+        "--compat");
   }
   std::string queue_file = o.queue;
   if (!o.campaign.empty()) {

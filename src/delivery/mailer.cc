@@ -52,8 +52,36 @@ Mailer::Channel& Mailer::ChannelFor(const std::string& mail_account) {
   return it->second;
 }
 
+namespace {
+
+void ReplaceAll(std::string& text, std::string_view tag, std::string_view value) {
+  for (size_t at = text.find(tag); at != std::string::npos;
+       at = text.find(tag, at + value.size())) {
+    text.replace(at, tag.size(), value);
+  }
+}
+
+// Adds the list fields to `draft` and fills its unsubscribe tags.
+void ApplyList(mail::Draft& draft, const ListHeaders& list) {
+  if (!list.list_id.empty()) draft.headers.emplace_back("List-Id", list.list_id);
+  if (list.unsubscribe_url.empty()) return;
+  std::string value = "<" + list.unsubscribe_url + ">";
+  if (!list.unsubscribe_mailto.empty()) {
+    value += ", <mailto:" + list.unsubscribe_mailto + "?subject=unsubscribe>";
+  }
+  draft.headers.emplace_back("List-Unsubscribe", value);
+  draft.headers.emplace_back("List-Unsubscribe-Post", "List-Unsubscribe=One-Click");
+  const bool html = draft.content_type == "text/html";
+  ReplaceAll(draft.body, "<!--UNSUBSCRIBE_URL-->", list.unsubscribe_url);
+  ReplaceAll(draft.body, "<!--UNSUBSCRIBE-->",
+             html ? "<a href=\"" + list.unsubscribe_url + "\">Unsubscribe</a>"
+                  : "Unsubscribe: " + list.unsubscribe_url);
+}
+
+}  // namespace
+
 Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
-                      const std::string& subject) {
+                      const std::string& subject, const ListHeaders& list) {
   Delivery delivery;
   delivery.recipient = client.Email();
   mail::TemplateDraft parsed;
@@ -75,6 +103,7 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
       return delivery;
     }
   }
+  ApplyList(parsed.draft, list);
   if (!channel.open) {
     smtp::Outcome opened = channel.session->Open();
     if (opened.kind != smtp::OutcomeKind::kAccepted) {

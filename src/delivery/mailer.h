@@ -63,6 +63,16 @@ struct Delivery {
   bool transport_failed = false;  // The server could not be reached or refused the session.
 };
 
+// What makes a campaign message a list message (RFC 2369, RFC 8058): its
+// List-Id and unsubscribe link, which also fill the body's
+// <!--UNSUBSCRIBE_URL--> (the URL) and <!--UNSUBSCRIBE--> (a link in HTML,
+// "Unsubscribe: URL" in text) tags.
+struct ListHeaders {
+  std::string list_id;             // A List-Id value, e.g. "\"News\" <id.example.com>".
+  std::string unsubscribe_url;     // The one-click URL; empty: no unsubscribe fields.
+  std::string unsubscribe_mailto;  // An address for mailto unsubscribes, or empty.
+};
+
 class Mailer {
  public:
   explicit Mailer(Account default_account, AccountLookup lookup = {});
@@ -73,7 +83,7 @@ class Mailer {
   // Composes the template at `template_path` for `client`, personalising
   // `subject` too, and delivers it to the client's e-mail address.
   Delivery Send(const std::string& template_path, const dmclients& client,
-                const std::string& subject);
+                const std::string& subject, const ListHeaders& list = {});
 
   // The message Send would compose for a server that offers `features`,
   // without connecting. Throws mail::TemplateError or mail::ComposeError.

@@ -196,9 +196,17 @@ DkimKey LoadDkimKey(const std::string& path, const std::string& domain,
 std::string DkimSignature(const DkimKey& key, std::string_view message, std::time_t now) {
   std::string_view body;
   auto fields = HeaderFields(message, &body);
-  static const char* const kSigned[] = {
-      "from",       "to",           "subject",      "date",
-      "message-id", "mime-version", "content-type", "content-transfer-encoding"};
+  static const char* const kSigned[] = {"from",
+                                        "to",
+                                        "subject",
+                                        "date",
+                                        "message-id",
+                                        "mime-version",
+                                        "content-type",
+                                        "content-transfer-encoding",
+                                        "list-unsubscribe",
+                                        "list-unsubscribe-post",
+                                        "list-id"};
   // Fields are signed bottom up when a name repeats; ours do not repeat.
   std::string names, canonical;
   for (const char* wanted : kSigned) {
