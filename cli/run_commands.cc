@@ -162,6 +162,17 @@ void CmdRun(const GlobalOptions& g, const RunOptions& r) {
               FormatDate(date, "yyyy-mm-dd").c_str(), s.clients, s.messages);
   if (!s.queue_path.empty()) std::printf(", queued in %s", s.queue_path.c_str());
   std::printf("\n");
+  if (!s.queue_path.empty()) {
+    // Suppressed addresses stay in the queue (the run is the library's); send skips them.
+    const SuppressionSet suppressions(store);
+    int suppressed = 0;
+    for (const QueuedMessage& m : ReadQueue(s.queue_path)) {
+      if (suppressions.Reason(m.email)) ++suppressed;
+    }
+    if (suppressed > 0) {
+      std::printf("%d of them to suppressed addresses: send will skip those\n", suppressed);
+    }
+  }
 }
 
 void CmdSchedule(const GlobalOptions& g, const std::string& campaign_name,

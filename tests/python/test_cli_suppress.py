@@ -21,6 +21,9 @@ def test_a_suppressed_address_gets_nothing_until_it_is_taken_off(cli, smtp_serve
     assert "suppressed ada@example.test (unsubscribed)" in out
     listing = cli.out("suppress", "list")
     assert "ada@example.test" in listing and "unsubscribed" in listing and "STOP" in listing
+    run = cli.out("run", "--campaign", "Welcome", "--date", "2026-03-01", "--queue",
+                  str(cli.folder / "q.txt"))
+    assert "1 of them to suppressed addresses: send will skip those" in run
     done = send(cli, server)
     assert "sent 1," in done.stdout
     assert "suppressed 1 messages to addresses on the suppression list" in done.stdout

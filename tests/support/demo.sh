@@ -121,13 +121,42 @@ trap 'kill $SMTPD 2>/dev/null; wait $SMTPD 2>/dev/null || true' EXIT
 for _ in $(seq 100); do [ -s "$OUT/smtp.port" ] && break; sleep 0.1; done
 PORT=$(cat "$OUT/smtp.port")
 q account add --email news@quillo.example --server 127.0.0.1 --port "$PORT" --friendly "Quillo Demo" --default >/dev/null
+
+echo "-- a DKIM key for quillo.example, and the unsubscribe server"
+q dkim keygen --key "$OUT/dkim.pem" --selector demo --domain quillo.example | tee "$OUT/dkim.txt"
+q serve --listen 127.0.0.1:0 --seconds 120 >"$OUT/serve.out" &
+SERVE_PID=$!
+trap 'kill $SMTPD $SERVE_PID 2>/dev/null; wait $SMTPD $SERVE_PID 2>/dev/null || true' EXIT
+for _ in $(seq 100); do grep -q listening "$OUT/serve.out" 2>/dev/null && break; sleep 0.1; done
+SERVE=$(sed -n 's/^listening on //p' "$OUT/serve.out")
+echo "   unsubscribe links answered at $SERVE"
+SIGN=(--dkim-key "$OUT/dkim.pem" --dkim-selector demo --unsubscribe-url "$SERVE"
+  --unsubscribe-mailto unsubscribe@quillo.example)
 q account list
 
 for offset in 0 1 2; do
+  if [ "$offset" = 1 ]; then
+    echo "-- a signed message, checked by dkimpy; its unsubscribe link, followed"
+    /usr/bin/python3 - "$OUT/Maildir" "$OUT/dkim.txt" <<'PY'
+import mailbox, re, sys, urllib.request
+import dkim
+record = re.search(r'IN TXT "(.*)"', open(sys.argv[2]).read()).group(1).encode()
+box = mailbox.Maildir(sys.argv[1], create=False)
+message = next(m for m in box if m["Subject"] == "Tip one")
+raw = message.as_bytes().replace(b"\r\n", b"\n").replace(b"\n", b"\r\n")
+print("   DKIM signature of the message to", message["To"], "verifies:",
+      dkim.verify(raw, dnsfunc=lambda name, timeout=5: record))
+link = re.search(r"<(http[^>]+)>", message["List-Unsubscribe"]).group(1)
+req = urllib.request.Request(link, data=b"List-Unsubscribe=One-Click", method="POST")
+with urllib.request.urlopen(req, timeout=10) as r:
+    print("   one-click unsubscribe:", r.status, "(", link, ")")
+PY
+    q suppress list | sed 's/^/   /'
+  fi
   D=$(date -d "$DAY1 +$offset days" +%F)
   for c in "Welcome series" "Tips" "Newsletter"; do
     echo "-- $D: $c"
-    q send --campaign "$c" --date "$D" --queue "$OUT/queue-$D-${c// /_}.txt" --quiet
+    q send --campaign "$c" --date "$D" --queue "$OUT/queue-$D-${c// /_}.txt" --quiet "${SIGN[@]}"
   done
 done
 
@@ -136,7 +165,7 @@ done
 for offset in 3 4 5 6; do
   D=$(date -d "$DAY1 +$offset days" +%F)
   echo "-- $D: quillo tick"
-  q tick --date "$D" | sed -n 's/^.* tick /   /p'
+  q tick --date "$D" "${SIGN[@]}" | sed -n 's/^.* tick /   /p'
 done
 
 echo "-- report of the welcome series"
