@@ -4,6 +4,7 @@
 #include <cmath>
 #include <map>
 
+#include "mail/html_text.h"
 #include "platform/database.h"
 #include "platform/date.h"
 #include "platform/error.h"
@@ -25,30 +26,6 @@ long DayNumber(const std::string& day) {
 }
 
 std::string DayName(long day) { return FormatDate(Date(static_cast<double>(day)), "yyyy-mm-dd"); }
-
-// Text for HTML content and attribute values.
-std::string Html(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
 
 // The states as the report names them, and their colours.
 constexpr const char* kReportNames[kLedgerStates] = {"queued", "accepted", "deferred",  "refused",
@@ -140,14 +117,14 @@ CampaignReport BuildCampaignReport(const std::shared_ptr<Connection>& connection
 std::string CampaignReportHtml(const CampaignReport& r) {
   std::string out;
   out += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
-  out += "<title>quillo report: " + Html(r.campaign_name) + "</title>\n";
+  out += "<title>quillo report: " + mail::HtmlEscape(r.campaign_name) + "</title>\n";
   out +=
       "<style>body{font-family:sans-serif;margin:2em;color:#212529}"
       "table{border-collapse:collapse}td,th{padding:2px 10px;text-align:right}"
       "th:first-child,td:first-child{text-align:left}svg text{font-size:11px}"
       ".key span{display:inline-block;width:10px;height:10px;margin:0 4px 0 12px}</style>\n";
   out += "</head>\n<body>\n";
-  out += "<h1>Campaign " + Html(r.campaign_name) + "</h1>\n";
+  out += "<h1>Campaign " + mail::HtmlEscape(r.campaign_name) + "</h1>\n";
   out += "<p>" + r.first_day + " to " + r.last_day + ", " + std::to_string(r.days.size()) +
          " days, messages counted on the campaign date they were made for.</p>\n";
 
@@ -237,11 +214,11 @@ std::string CampaignReportHtml(const CampaignReport& r) {
   auto row = [&](std::size_t i, const std::string& label, long n, const std::string& item) {
     double y = 5 + row_h * static_cast<double>(i);
     double w = bar_max * static_cast<double>(std::min(n, widest)) / static_cast<double>(widest);
-    out += "<text x=\"0\" y=\"" + Number(y + 14) + "\">" + Html(label) + "</text>\n";
-    out += "<rect class=\"reach\" data-item=\"" + Html(item) + "\" data-count=\"" +
+    out += "<text x=\"0\" y=\"" + Number(y + 14) + "\">" + mail::HtmlEscape(label) + "</text>\n";
+    out += "<rect class=\"reach\" data-item=\"" + mail::HtmlEscape(item) + "\" data-count=\"" +
            std::to_string(n) + "\" x=\"" + Number(label_w) + "\" y=\"" + Number(y) + "\" width=\"" +
            Number(w) + "\" height=\"" + Number(row_h - 6) + "\" fill=\"#1c7ed6\"><title>" +
-           Html(label) + ": " + std::to_string(n) + "</title></rect>\n";
+           mail::HtmlEscape(label) + ": " + std::to_string(n) + "</title></rect>\n";
     out += "<text x=\"" + Number(label_w + w + 6) + "\" y=\"" + Number(y + 14) + "\">" +
            std::to_string(n) + "</text>\n";
   };

@@ -348,15 +348,16 @@ std::string_view MediaTypeOf(std::string_view file_name) {
   return "application/octet-stream";
 }
 
-Part TextPart(const Draft& draft, const WireFeatures& features, bool* eight_bit) {
-  if (!IsUtf8(draft.body)) {
+Part TextPart(std::string_view body, const std::string& content_type, const WireFeatures& features,
+              bool* eight_bit) {
+  if (!IsUtf8(body)) {
     throw ComposeError("the body is not UTF-8 text (save the template as UTF-8)");
   }
-  std::string text = CanonicalLines(draft.body);
+  std::string text = CanonicalLines(body);
   bool has_nul = text.find('\0') != std::string::npos;
   size_t longest = LongestLine(text);
   Part part;
-  part.headers = "Content-Type: " + draft.content_type + "; charset=utf-8\r\n";
+  part.headers = "Content-Type: " + content_type + "; charset=utf-8\r\n";
   if (!has_nul && longest <= kLongest && IsAscii(text)) {
     part.headers += "Content-Transfer-Encoding: 7bit\r\n";
     part.content = std::move(text);
@@ -608,7 +609,15 @@ ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
   }
 
   bool eight_bit = false;
-  Part body = TextPart(draft, features, &eight_bit);
+  Part body = TextPart(draft.body, draft.content_type, features, &eight_bit);
+  std::string root_type = draft.content_type;
+  if (draft.content_type == "text/html" && !draft.text_alternative.empty()) {
+    // The plain text first: a reader shows the last part it can.
+    std::vector<Part> alternative{
+        TextPart(draft.text_alternative, "text/plain", features, &eight_bit), std::move(body)};
+    body = Multipart("alternative", "", alternative);
+    root_type = "multipart/alternative";
+  }
   std::vector<Part> inline_parts, attachments;
   for (const FilePart& file : draft.attachments) {
     (file.content_id.empty() ? attachments : inline_parts).push_back(FilePartOf(file));
@@ -617,7 +626,7 @@ ComposedMessage Compose(const Draft& draft, const WireFeatures& features,
   if (!inline_parts.empty()) {
     std::vector<Part> related{std::move(top)};
     for (Part& p : inline_parts) related.push_back(std::move(p));
-    top = Multipart("related", " type=\"" + draft.content_type + "\";", related);
+    top = Multipart("related", " type=\"" + root_type + "\";", related);
   }
   if (!attachments.empty()) {
     std::vector<Part> mixed{std::move(top)};

@@ -30,7 +30,10 @@ struct Draft {
   std::vector<std::pair<std::string, std::string>> headers;  // Extra fields, in order.
   std::string body;                                          // Personalised; CRLF or LF line ends.
   std::string content_type = "text/plain";                   // Or "text/html".
-  std::vector<FilePart> attachments;                         // In template order.
+  // For an HTML body, its plain-text form; the body then goes out as
+  // multipart/alternative. Empty: the body alone.
+  std::string text_alternative;
+  std::vector<FilePart> attachments;  // In template order.
 };
 
 }  // namespace quillo::mail

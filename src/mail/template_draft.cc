@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "mail/html_text.h"
 #include "message/dm_message.h"
 #include "message/personalisation.h"
 #include "platform/clock.h"
@@ -185,6 +186,16 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
       {text, subject, fields.First, fields.Last, fields.Middle, fields.Address, fields.PO,
        fields.city, fields.state, fields.Country, fields.zip, fields.Company, fields.Email},
       check);
+  // The body's type decides how values go into it: HTML-escaped in HTML, so
+  // that a client named "<script>" stays text.
+  std::string extension = UCase(dmMessage::GetFileExtension(name));
+  d.content_type = extension == "HTML" || extension == "HTM" ? "text/html" : "text/plain";
+  for (const auto& p : *parsed.MessageParameters()) {
+    if (!EqualsIgnoreCase(p->Name(), "CONTENT-TYPE")) continue;
+    std::string type = LCase(Trimmed(p->Value().substr(0, p->Value().find(';'))));
+    if (type == "text/plain" || type == "text/html") d.content_type = type;
+  }
+  bool escape = d.content_type == "text/html";
   auto value = [&](ReplacementVariable v, std::string& out) {
     size_t mark = out.size();
     try {
@@ -195,6 +206,11 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
       }
     } catch (const std::exception&) {
       out.resize(mark);  // A value that cannot be computed is empty, as in dmMessage.
+    }
+    if (escape) {
+      std::string escaped = HtmlEscape(std::string_view(out).substr(mark));
+      out.resize(mark);
+      out += escaped;
     }
     std::replace(out.begin() + static_cast<std::ptrdiff_t>(mark), out.end(), '<', hide);
   };
@@ -211,8 +227,7 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
                           : shown(replacer.Replace(parsed.MessageBody(), listed, value));
   std::string subject_text = subject;
 
-  std::string extension = UCase(dmMessage::GetFileExtension(name));
-  d.content_type = extension == "HTML" || extension == "HTM" ? "text/html" : "text/plain";
+  escape = false;  // The subject is text.
 
   for (const auto& p : *parsed.MessageParameters()) {
     const std::string& key = p->Name();
@@ -240,6 +255,7 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
     }
   }
   d.subject = shown(replacer.Replace(subject_text, kAllVariables, value));
+  if (d.content_type == "text/html") d.text_alternative = HtmlToText(d.body);
 
   for (const auto& a : *parsed.Attachments()) {
     d.attachments.push_back({Resolve(a->Value(), name), ""});
@@ -261,7 +277,24 @@ TemplateDraft DraftFromTemplate(const std::string& path, const dmclients& client
   } catch (const RuntimeError& e) {
     throw TemplateError(path + ": cannot read the template: " + e.description);
   }
-  return DraftFromText(text, path, client, subject, from);
+  TemplateDraft result = DraftFromText(text, path, client, subject, from);
+  // An HTML template may have a text twin beside it (welcome.html and
+  // welcome.txt): its body, personalised the same way, is the text part.
+  if (result.draft.content_type == "text/html") {
+    std::string stem = path.substr(0, path.rfind('.'));
+    std::string twin = stem + ".txt";
+    if (path.rfind('.') != std::string::npos && FileExists(NativePath(twin))) {
+      std::string twin_text;
+      try {
+        twin_text = ReadFileBytes(NativePath(twin));
+      } catch (const RuntimeError& e) {
+        throw TemplateError(twin + ": cannot read the text template: " + e.description);
+      }
+      result.draft.text_alternative =
+          DraftFromText(twin_text, twin, client, subject, from).draft.body;
+    }
+  }
+  return result;
 }
 
 }  // namespace quillo::mail

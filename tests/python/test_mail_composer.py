@@ -234,3 +234,61 @@ def test_tags_in_client_data_are_text_and_never_multiply_the_message(quillo, tmp
     check_both_parsers(tmp_path, raw, "Dear %s <!--FIRST-->,\n" % first)
     parsed = email.message_from_bytes(raw, policy=email.policy.default)
     assert parsed["Subject"] == "For " + first
+
+
+def parts_of(tmp_path, raw):
+    """(type, decoded text) of every text part, by Python's parser and by
+    GMime, which must agree; and the structure as Python sees it."""
+    message = email.message_from_bytes(raw, policy=email.policy.default)
+    assert message.defects == []
+    python_parts = [(p.get_content_type(), p.get_content()) for p in message.walk()
+                    if p.get_content_maintype() == "text"]
+    message_file = tmp_path / "message.eml"
+    message_file.write_bytes(raw)
+    out = subprocess.run([GMIME_CHECK, str(message_file)], capture_output=True, text=True,
+                         timeout=60, check=True).stdout.splitlines()
+    assert [l for l in out if l.startswith("warning")] == []
+    gmime = [(l.split(" ")[2], l.split(" ")[1]) for l in out if l.startswith("part ")
+             and l.split(" ")[2].startswith("text/")]
+    assert gmime == [(t, hashlib.sha256(c.encode()).hexdigest()) for t, c in python_parts]
+    structure = [p.get_content_type() for p in message.walk()]
+    return {t: c.replace("\r\n", "\n") for t, c in python_parts}, structure
+
+
+def test_an_html_template_goes_out_with_a_derived_text_part(quillo, tmp_path):
+    html = ("[HEADER]\nReplace: FIRST\n[/HEADER]\n<html><head><style>p {color: red}</style>"
+            "</head><body><h1>News</h1><p>Hello <!--FIRST-->,</p>\n<p>Visit <a "
+            "href=\"https://shop.example/?a=1&amp;b=2\">our shop</a> &amp; save &euro;5.</p>"
+            "<ul><li>one</li><li>two</li></ul><script>alert(1)</script></body></html>\n")
+    raw = compose(quillo, tmp_path, html, name="news.html",
+                  who=client(quillo, first="<script>x</script> & \"Co\""))
+    parts, structure = parts_of(tmp_path, raw)
+    assert structure == ["multipart/alternative", "text/plain", "text/html"]
+    # Markup in a client's field arrives escaped in HTML, as text in text.
+    assert "Hello &lt;script&gt;x&lt;/script&gt; &amp; &quot;Co&quot;," in parts["text/html"]
+    assert "<script>x" not in parts["text/html"]
+    assert parts["text/plain"] == (
+        "News\n\nHello <script>x</script> & \"Co\",\n\n"
+        "Visit our shop (https://shop.example/?a=1&b=2) & save \u20ac5.\n\n- one\n- two\n")
+
+
+def test_an_html_template_with_a_text_twin_uses_it(quillo, tmp_path):
+    (tmp_path / "welcome.txt").write_text("[HEADER]\nReplace: FIRST\n[/HEADER]\n"
+                                          "Dear <!--FIRST-->, the text version.\n")
+    (tmp_path / "logo.gif").write_bytes(b"GIF89a\x01\x00\x01\x00\x00\x00\x00;")
+    raw = compose(quillo, tmp_path, "[HEADER]\nReplace: FIRST\nInline: logo.gif, logo1\n"
+                  "[/HEADER]\n<p><img src=\"cid:logo1\" alt=\"Logo\">Dear <!--FIRST-->.</p>\n",
+                  name="welcome.html")
+    parts, structure = parts_of(tmp_path, raw)
+    assert structure == ["multipart/related", "multipart/alternative", "text/plain",
+                         "text/html", "image/gif"]
+    message = email.message_from_bytes(raw, policy=email.policy.default)
+    assert message.get_param("type") == "multipart/alternative"
+    assert parts["text/plain"] == "Dear Ada, the text version.\n"
+    assert parts["text/html"] == "<p><img src=\"cid:logo1\" alt=\"Logo\">Dear Ada.</p>\n"
+
+
+def test_plain_text_templates_stay_single_part(quillo, tmp_path):
+    raw = compose(quillo, tmp_path, "Hello <b>not html</b>\n", name="t.txt")
+    parts, structure = parts_of(tmp_path, raw)
+    assert structure == ["text/plain"] and parts["text/plain"] == "Hello <b>not html</b>\n"
