@@ -48,10 +48,6 @@ struct Kind {
   std::vector<Field> fields;
 };
 
-std::shared_ptr<Connection> ConnectionOf(const Store& store) {
-  return std::dynamic_pointer_cast<Connection>(store.connection_object());
-}
-
 std::string ByEqual(const Store& store, const std::string& table, const std::string& key_column,
                     const std::string& column, const std::string& value, const char* noun) {
   std::vector<std::string> keys;
@@ -291,16 +287,18 @@ void Delete(const GlobalOptions& g, const Kind& kind, const Request& r) {
   Store store(g.db);
   std::string key = kind.find(store, r.name, r.campaign);
   std::string also;
+  std::vector<const Dependent*> with_rows;  // Only these: a table may not exist.
   for (const auto& d : kind.dependents) {
     long n = Count(store, d.table, d.column, key);
     if (n == 0) continue;
+    with_rows.push_back(&d);
     also += (also.empty() ? "" : ", ") + std::to_string(n) + " " + d.what;
   }
   if (!also.empty() && !r.yes &&
       !Confirm("deleting " + kind.name + " " + r.name + " also deletes " + also + ". Delete?")) {
     throw CommandError("nothing deleted (pass --yes to delete without asking)");
   }
-  auto connection = ConnectionOf(store);
+  auto connection = store.database();
   std::string email;
   if (kind.name == "account") {
     email = store
@@ -312,9 +310,8 @@ void Delete(const GlobalOptions& g, const Kind& kind, const Request& r) {
   if (kind.name == "account") CreatePasswordReferenceTable(store);
   connection->Execute("BEGIN");
   try {
-    for (const auto& d : kind.dependents) {
-      if (Count(store, d.table, d.column, key) == 0) continue;
-      connection->Execute("DELETE FROM " + std::string(d.table) + " WHERE " + d.column + " = '" +
+    for (const Dependent* d : with_rows) {
+      connection->Execute("DELETE FROM " + std::string(d->table) + " WHERE " + d->column + " = '" +
                           SqlQuote(key) + "';");
     }
     connection->Execute("DELETE FROM quillo_disabled WHERE Kind = '" + kind.name + "' AND Ref = '" +
@@ -337,7 +334,7 @@ void Delete(const GlobalOptions& g, const Kind& kind, const Request& r) {
 void Switch(const GlobalOptions& g, const Kind& kind, const Request& r, bool enable) {
   Store store(g.db);
   std::string key = kind.find(store, r.name, r.campaign);
-  auto connection = ConnectionOf(store);
+  auto connection = store.database();
   if (kind.name == "campaign") {
     // A campaign has a column of its own for it.
     connection->Execute("UPDATE dmmrktcmp SET Disabled = " + std::string(enable ? "0" : "1") +
@@ -357,7 +354,7 @@ void Switch(const GlobalOptions& g, const Kind& kind, const Request& r, bool ena
 }  // namespace
 
 void CreateDisabledTable(const Store& store) {
-  auto connection = ConnectionOf(store);
+  auto connection = store.database();
   connection->Execute(
       "CREATE TABLE IF NOT EXISTS quillo_disabled (Kind VARCHAR(16) NOT NULL, Ref VARCHAR(32) "
       "NOT NULL, PRIMARY KEY (Kind, Ref))");

@@ -157,7 +157,7 @@ std::string CheckedTemplatePath(const std::string& file, const std::string& subj
 void CmdInit(const GlobalOptions& g) {
   Store store(g.db, /*allow_empty=*/true);
   store.CreateSchema();
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   delivery::CreateLedgerSchema(*connection);
   CreatePasswordReferenceTable(store);
   CreateDisabledTable(store);
@@ -418,7 +418,7 @@ void CmdEnrolImport(const GlobalOptions& g, const std::string& campaign_name,
 }
 
 void CreatePasswordReferenceTable(const Store& store) {
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   connection->Execute(
       "CREATE TABLE IF NOT EXISTS quillo_account_secrets (Email VARCHAR(255) NOT NULL PRIMARY "
       "KEY, Source VARCHAR(8) NOT NULL, Ref VARCHAR(1000) NOT NULL)");
@@ -473,7 +473,7 @@ void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a) {
     throw CommandError("an account '" + a.email + "' exists already");
   }
   CreatePasswordReferenceTable(store);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   connection->Execute("BEGIN");
   try {
     if (a.make_default) connection->Execute("UPDATE dmsmtpaccounts SET Default = 0;");
@@ -511,7 +511,7 @@ void CmdAccountAdd(const GlobalOptions& g, const AccountAdd& a) {
 
 void CmdAccountDefault(const GlobalOptions& g, const std::string& email) {
   Store store(g.db);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   if (store
           .Scalar("SELECT RecID FROM dmsmtpaccounts WHERE Email = '" + SqlQuote(email) + "';",
                   "RecID")

@@ -423,8 +423,7 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
     if (o.unsubscribe_url.rfind("https://", 0) != 0 && o.unsubscribe_url.rfind("http://", 0) != 0) {
       throw CommandError("--unsubscribe-url must start with https:// (or http://)");
     }
-    key =
-        delivery::UnsubscribeKey(*std::dynamic_pointer_cast<Connection>(store.connection_object()));
+    key = delivery::UnsubscribeKey(*store.database());
   }
   std::string base = o.unsubscribe_url;
   while (!base.empty() && base.back() == '/') base.pop_back();
@@ -486,7 +485,7 @@ std::string RunDateOf(const QueuedMessage& m) {
 Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
                 const SendOptions& o, const SmtpSettings& settings, const DeliverFunction& deliver,
                 Progress& progress, StageClock& clock) {
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   delivery::CreateLedgerSchema(*connection);
   delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
   Tally t;
@@ -798,7 +797,7 @@ namespace quillo::cli {
 void CmdStatus(const GlobalOptions& g, const std::string& campaign) {
   Store store(g.db);
   std::string campaign_id = campaign.empty() ? std::string() : store.FindCampaign(campaign);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   delivery::CreateLedgerSchema(*connection);
   delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
   std::vector<long> counts = ledger.Counts(campaign_id);
@@ -824,7 +823,7 @@ void CmdReport(const GlobalOptions& g, const ReportOptions& o) {
   std::string campaign_id = store.FindCampaign(o.campaign);
   if (o.days < 1) throw CommandError("--days wants 1 or more");
   Date last = o.date.empty() ? Today() : ParseDateOption(o.date);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   delivery::CampaignReport r = delivery::BuildCampaignReport(
       connection, campaign_id, FormatDate(last, "yyyy-mm-dd"), o.days);
   std::printf("campaign %s: %s to %s (%d days), by the campaign date of each message\n",

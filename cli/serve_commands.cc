@@ -40,7 +40,7 @@ void CmdServe(const GlobalOptions& g, const ServeOptions& o) {
   if (host.empty() || port < 0 || port > 65535) throw CommandError("--listen wants HOST:PORT");
 
   Store store(g.db);
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   const std::string key = delivery::UnsubscribeKey(*connection);
   std::mutex database;  // The handlers run on several threads; the connection is one.
 

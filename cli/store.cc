@@ -137,7 +137,7 @@ Store::Store(const std::string& connection_text, bool allow_empty) {
 }
 
 void Store::CreateSchema() {
-  auto connection = std::dynamic_pointer_cast<Connection>(connection_.object());
+  auto connection = database();
   schema::Create(*connection);
 }
 

@@ -4,6 +4,7 @@
 #define QUILLO_CLI_STORE_H_
 
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -45,6 +46,10 @@ class Store {
 
   const Dispatch& connection() const { return connection_; }
   const ObjectPtr& connection_object() const { return connection_.object(); }
+  // The connection as the library's class, for statements of the command's own.
+  std::shared_ptr<Connection> database() const {
+    return std::dynamic_pointer_cast<Connection>(connection_.object());
+  }
   // The identifier generator lent to every record and run.
   const ObjectPtr& id_generator() const { return id_generator_.object(); }
 

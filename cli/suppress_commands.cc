@@ -11,7 +11,7 @@ namespace quillo::cli {
 namespace {
 
 std::shared_ptr<Connection> SuppressionTable(const Store& store) {
-  auto connection = std::dynamic_pointer_cast<Connection>(store.connection_object());
+  auto connection = store.database();
   delivery::CreateSuppressionSchema(*connection);
   return connection;
 }

@@ -36,10 +36,6 @@ long DayOf(Date d) { return static_cast<long>(std::floor(d.value)); }
 Date DateOfDay(long day) { return Date(static_cast<double>(day)); }
 std::string DayText(long day) { return FormatDate(DateOfDay(day), "yyyy-mm-dd"); }
 
-std::shared_ptr<Connection> ConnectionOf(const Store& store) {
-  return std::dynamic_pointer_cast<Connection>(store.connection_object());
-}
-
 }  // namespace
 
 void CreateTickClaimTable(const Store& store) {
@@ -52,11 +48,11 @@ void CreateTickClaimTable(const Store& store) {
       "RunDate VARCHAR(10) NOT NULL, Queue TEXT, PRIMARY KEY (CampaignRecID, RunDate))";
   for (const char* statement : {sql, queues}) {
     try {
-      ConnectionOf(store)->Execute(statement);
+      store.database()->Execute(statement);
     } catch (const RuntimeError&) {
       // PostgreSQL's IF NOT EXISTS is not safe against another session
       // creating the table at the same moment; by now it exists.
-      ConnectionOf(store)->Execute(statement);
+      store.database()->Execute(statement);
     }
   }
 }
@@ -67,7 +63,7 @@ namespace {
 bool Claim(const Store& store, const std::string& campaign, long day,
            const std::string& note = "") {
   try {
-    ConnectionOf(store)->Execute(
+    store.database()->Execute(
         "INSERT INTO quillo_tick_claims (CampaignRecID, RunDate, Worker, ClaimedAt) VALUES ('" +
         SqlQuote(campaign) + "', '" + DayText(day) + "', '" +
         SqlQuote(note.empty() ? delivery::Ledger::ThisWorker() : note) + "', '" +
@@ -152,7 +148,7 @@ bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& sen
                    "; kept for the next tick";
   }
   emit(std::move(event));
-  auto connection = ConnectionOf(store);
+  auto connection = store.database();
   const std::string key =
       "CampaignRecID = '" + SqlQuote(id) + "' AND RunDate = '" + DayText(day) + "'";
   connection->Execute("DELETE FROM quillo_tick_queues WHERE " + key);
@@ -194,7 +190,7 @@ std::set<long> HandledDays(const Store& store, const std::string& id, bool with_
 // The number of messages a run of `c` on `day` would make, learnt by running
 // it inside a transaction that is then rolled back.
 int DryRunCount(const Store& store, const Campaign& c, long day) {
-  auto connection = ConnectionOf(store);
+  auto connection = store.database();
   connection->Execute("BEGIN");
   int messages = 0;
   try {

@@ -26,11 +26,6 @@ std::string KeyCondition(const MessageKey& key) {
          " AND CampaignItemRecID = " + Quote(key.item_id) + " AND Account = " + Quote(key.client);
 }
 
-std::string Text(const Recordset& rs, std::string_view field) {
-  Variant v = rs.FieldValue(field);
-  return v.IsNull() || v.IsEmpty() ? std::string() : v.ToString();
-}
-
 // Whether the worker "host:pid" is a process of this host that has ended.
 bool EndedOnThisHost(const std::string& worker) {
   size_t colon = worker.rfind(':');
@@ -45,6 +40,11 @@ bool EndedOnThisHost(const std::string& worker) {
 }
 
 }  // namespace
+
+std::string FieldText(const Recordset& rs, std::string_view field) {
+  Variant v = rs.FieldValue(field);
+  return v.IsNull() || v.IsEmpty() ? std::string() : v.ToString();
+}
 
 std::string SqlLiteral(std::string_view text) {
   std::string out = "'";
@@ -125,7 +125,7 @@ long Ledger::MarkAbandonedClaims(long lease_seconds) {
     Recordset rs;
     rs.Open("SELECT DISTINCT Worker FROM quillo_deliveries WHERE State = 'claimed'", connection_,
             kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
-    for (; !rs.Eof(); rs.MoveNext()) workers.push_back(Text(rs, "Worker"));
+    for (; !rs.Eof(); rs.MoveNext()) workers.push_back(FieldText(rs, "Worker"));
     rs.Close();
   }
   long changed = 0;
@@ -176,7 +176,7 @@ std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool re
       Recordset rs;
       rs.Open("SELECT State FROM quillo_deliveries WHERE " + KeyCondition(key), connection_,
               kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
-      std::string state = rs.Eof() ? std::string() : Text(rs, "State");
+      std::string state = rs.Eof() ? std::string() : FieldText(rs, "State");
       rs.Close();
       if (state == "accepted") results[i] = ClaimResult::kAccepted;
       if (state == "in-doubt") results[i] = ClaimResult::kInDoubt;
@@ -222,14 +222,14 @@ std::vector<LedgerRow> Ledger::Rows(LedgerState state, const std::string& campai
   rs.Open(sql, connection_, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
   for (; !rs.Eof(); rs.MoveNext()) {
     LedgerRow row;
-    row.key = {Text(rs, "CampaignRecID"), Text(rs, "CampaignItemRecID"), Text(rs, "Account"),
-               Text(rs, "Email"), Text(rs, "RunDate")};
+    row.key = {FieldText(rs, "CampaignRecID"), FieldText(rs, "CampaignItemRecID"),
+               FieldText(rs, "Account"), FieldText(rs, "Email"), FieldText(rs, "RunDate")};
     row.state = state;
     row.attempts = rs.FieldValue("Attempts").ToLong();
-    row.next_attempt = Text(rs, "NextAttempt");
-    row.last_reply = Text(rs, "LastReply");
-    row.worker = Text(rs, "Worker");
-    row.updated = Text(rs, "Updated");
+    row.next_attempt = FieldText(rs, "NextAttempt");
+    row.last_reply = FieldText(rs, "LastReply");
+    row.worker = FieldText(rs, "Worker");
+    row.updated = FieldText(rs, "Updated");
     rows.push_back(std::move(row));
   }
   rs.Close();
@@ -244,7 +244,7 @@ std::vector<long> Ledger::Counts(const std::string& campaign_id) const {
   Recordset rs;
   rs.Open(sql, connection_, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
   for (; !rs.Eof(); rs.MoveNext()) {
-    if (auto state = ParseLedgerState(Text(rs, "State"))) {
+    if (auto state = ParseLedgerState(FieldText(rs, "State"))) {
       counts[static_cast<int>(*state)] = rs.FieldValue("N").ToLong();
     }
   }

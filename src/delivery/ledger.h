@@ -35,6 +35,7 @@
 namespace quillo {
 
 class Connection;
+class Recordset;
 
 namespace delivery {
 
@@ -49,6 +50,9 @@ std::optional<LedgerState> ParseLedgerState(std::string_view name);
 
 // `text` as an SQL string literal: in single quotes, quotes doubled.
 std::string SqlLiteral(std::string_view text);
+
+// Field `field` of the current row as text; "" for Null.
+std::string FieldText(const Recordset& rs, std::string_view field);
 
 // The key of one message: a campaign item for one client.
 struct MessageKey {

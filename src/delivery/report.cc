@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 
 #include "mail/html_text.h"
 #include "platform/database.h"
@@ -14,14 +15,10 @@ namespace quillo::delivery {
 
 namespace {
 
-std::string FieldText(const Recordset& rs, std::string_view field) {
-  Variant v = rs.FieldValue(field);
-  return v.IsNull() || v.IsEmpty() ? std::string() : v.ToString();
-}
-
-long DayNumber(const std::string& day) {
+// The day number of "yyyy-mm-dd" (anything after it ignored), or nullopt.
+std::optional<long> DayNumber(std::string_view text) {
   Date d;
-  if (day.size() != 10 || !TryParseDate(day, &d)) Raise(5, "Not a date: '" + day + "'");
+  if (text.size() < 10 || !TryParseDate(text.substr(0, 10), &d)) return std::nullopt;
   return static_cast<long>(std::floor(d.value));
 }
 
@@ -47,7 +44,9 @@ CampaignReport BuildCampaignReport(const std::shared_ptr<Connection>& connection
   if (days < 1) Raise(5, "A report covers one day or more");
   CampaignReport r;
   r.campaign_id = campaign_id;
-  const long last = DayNumber(last_day);
+  const std::optional<long> last_number = DayNumber(last_day);
+  if (last_day.size() != 10 || !last_number) Raise(5, "Not a date: '" + last_day + "'");
+  const long last = *last_number;
   const long first = last - days + 1;
   r.first_day = DayName(first);
   r.last_day = DayName(last);
@@ -61,19 +60,23 @@ CampaignReport BuildCampaignReport(const std::shared_ptr<Connection>& connection
   rs.Close();
 
   for (long day = first; day <= last; ++day) r.days.push_back({DayName(day), {}});
+  // The row of `text`'s day in the range, or null outside it.
+  auto row_of = [&](std::string_view text) -> DayOutcomes* {
+    std::optional<long> n = DayNumber(text);
+    if (!n || *n < first || *n > last) return nullptr;
+    return &r.days[static_cast<std::size_t>(*n - first)];
+  };
   CreateLedgerSchema(*connection);
   rs.Open("SELECT RunDate, Updated, State FROM quillo_deliveries WHERE CampaignRecID = " + campaign,
           connection, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
   for (; !rs.Eof(); rs.MoveNext()) {
     std::string day = FieldText(rs, "RunDate");
-    if (day.empty()) day = FieldText(rs, "Updated").substr(0, 10);
+    if (day.empty()) day = FieldText(rs, "Updated");
     auto state = ParseLedgerState(FieldText(rs, "State"));
-    Date d;
-    if (!state || day.size() != 10 || !TryParseDate(day, &d)) continue;
-    long n = static_cast<long>(std::floor(d.value));
-    if (n < first || n > last) continue;
+    DayOutcomes* row = row_of(day);
+    if (!state || !row) continue;
     auto s = static_cast<std::size_t>(*state);
-    ++r.days[static_cast<std::size_t>(n - first)].counts[s];
+    ++row->counts[s];
     ++r.totals[s];
   }
   rs.Close();
@@ -82,15 +85,11 @@ CampaignReport BuildCampaignReport(const std::shared_ptr<Connection>& connection
   rs.Open("SELECT Reason, Added FROM quillo_suppressions WHERE CampaignRecID = " + campaign,
           connection, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
   for (; !rs.Eof(); rs.MoveNext()) {
-    std::string day = FieldText(rs, "Added").substr(0, 10);
+    DayOutcomes* row = row_of(FieldText(rs, "Added"));
+    if (!row) continue;
     std::string reason = FieldText(rs, "Reason");
-    Date d;
-    if (day.size() != 10 || !TryParseDate(day, &d)) continue;
-    long n = static_cast<long>(std::floor(d.value));
-    if (n < first || n > last) continue;
-    DayOutcomes& row = r.days[static_cast<std::size_t>(n - first)];
-    if (reason == "unsubscribed") ++row.unsubscribed;
-    if (reason == "bounced" || reason == "complained") ++row.bounced;
+    if (reason == "unsubscribed") ++row->unsubscribed;
+    if (reason == "bounced" || reason == "complained") ++row->bounced;
   }
   rs.Close();
 

@@ -3,28 +3,18 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <openssl/rand.h>
 
 #include <memory>
 
 #include "delivery/ledger.h"
 #include "mail/address.h"
+#include "mail/composer.h"
 #include "platform/database.h"
 #include "platform/error.h"
 
 namespace quillo::delivery {
 
 namespace {
-
-std::string Hex(const unsigned char* bytes, size_t n) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (size_t i = 0; i < n; ++i) {
-    out += kDigits[bytes[i] >> 4];
-    out += kDigits[bytes[i] & 15];
-  }
-  return out;
-}
 
 std::string Base64Url(const unsigned char* bytes, size_t n) {
   static const char kAlphabet[] =
@@ -57,11 +47,7 @@ std::string Scalar(Connection& connection, const std::string& sql, std::string_v
   Recordset rs;
   rs.Open(sql, std::shared_ptr<Connection>(&connection, [](Connection*) {}), kAdOpenForwardOnly,
           kAdLockReadOnly, kAdCmdText);
-  std::string value;
-  if (!rs.Eof()) {
-    Variant v = rs.FieldValue(field);
-    if (!v.IsNull() && !v.IsEmpty()) value = v.ToString();
-  }
+  std::string value = rs.Eof() ? std::string() : FieldText(rs, field);
   rs.Close();
   return value;
 }
@@ -75,11 +61,9 @@ std::string UnsubscribeKey(Connection& connection) {
   const std::string sql = "SELECT Value FROM quillo_meta WHERE Name = 'unsubscribe_key'";
   std::string key = Scalar(connection, sql, "Value");
   if (!key.empty()) return key;
-  unsigned char bytes[32];
-  if (RAND_bytes(bytes, sizeof bytes) != 1) Raise(5, "No random bytes for the unsubscribe key");
   try {
     connection.Execute("INSERT INTO quillo_meta (Name, Value) VALUES ('unsubscribe_key', '" +
-                       Hex(bytes, sizeof bytes) + "')");
+                       mail::RandomHex(32) + "')");
   } catch (const RuntimeError&) {
     // Another process made it first; its key is the one.
   }

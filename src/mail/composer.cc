@@ -80,6 +80,8 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return true;
 }
 
+}  // namespace
+
 std::string RandomHex(size_t bytes) {
   std::vector<unsigned char> random(bytes);
   if (RAND_bytes(random.data(), static_cast<int>(bytes)) != 1) {
@@ -93,6 +95,8 @@ std::string RandomHex(size_t bytes) {
   }
   return out;
 }
+
+namespace {
 
 // --- Header fields ---------------------------------------------------------------
 

@@ -58,6 +58,10 @@ struct ComposedMessage {
 };
 
 // A message that cannot be made safe and standard; what() says why.
+// `bytes` random bytes from the system's generator, as lower-case hex.
+// Throws ComposeError when the generator fails.
+std::string RandomHex(std::size_t bytes);
+
 class ComposeError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -357,19 +357,24 @@ def test_every_command_has_help(cli):
         assert "Usage" in cli.out(command, "--help")
 
 
-def test_a_postgresql_uri_works_like_a_file(tmp_path):
+def fresh_postgresql_database(prefix):
+    """The URI of a new, empty database of its own on the PostgreSQL test
+    server, so that the tables it gets meet no other suite's; skips the
+    test where there is no server."""
     uri = os.environ.get("QUILLO_TEST_PG")
     if not uri:
         pytest.skip("QUILLO_TEST_PG names no PostgreSQL test server")
-    # A database of its own on the test server, so that the tables it creates
-    # meet no other suite's.
-    name = "quillo_cli_%d" % os.getpid()
+    name = "%s_%d" % (prefix, os.getpid())
     admin = subprocess.run(["psql", uri, "-qc", "DROP DATABASE IF EXISTS %s" % name, "-c",
                             "CREATE DATABASE %s" % name], capture_output=True, text=True,
                            timeout=60)
     assert admin.returncode == 0, admin.stderr
+    return uri.rsplit("/", 1)[0] + "/" + name
+
+
+def test_a_postgresql_uri_works_like_a_file(tmp_path):
     cli = Cli(tmp_path)
-    cli.db = uri.rsplit("/", 1)[0] + "/" + name
+    cli.db = fresh_postgresql_database("quillo_cli")
     cli.run("init")
     name = "Pg campaign %d" % os.getpid()
     cli.run("campaign", "add", "--name", name, "--type", "2")

@@ -4,7 +4,6 @@ family of schedule codes, ticked daily with a missed stretch caught up and
 two ticks started at once. Each client gets what the kinds and schedules
 say, in order, once; each campaign runs once on each of its due dates."""
 import datetime
-import os
 import re
 import subprocess
 
@@ -13,7 +12,7 @@ import email
 import email.policy
 import pytest
 
-from test_cli import QUILLO, Cli, cli, smtp_server  # noqa: F401 (fixtures)
+from test_cli import QUILLO, Cli, cli, fresh_postgresql_database, smtp_server  # noqa: F401
 
 MARCH = [datetime.date(2026, 3, d) for d in range(1, 32)]
 
@@ -22,15 +21,7 @@ MARCH = [datetime.date(2026, 3, d) for d in range(1, 32)]
 def db_cli(request, tmp_path):
     cli = Cli(tmp_path)
     if request.param == "postgresql":
-        uri = os.environ.get("QUILLO_TEST_PG")
-        if not uri:
-            pytest.skip("QUILLO_TEST_PG names no PostgreSQL test server")
-        name = "quillo_tick_%d" % os.getpid()
-        admin = subprocess.run(["psql", uri, "-qc", "DROP DATABASE IF EXISTS %s" % name, "-c",
-                                "CREATE DATABASE %s" % name], capture_output=True, text=True,
-                               timeout=60)
-        assert admin.returncode == 0, admin.stderr
-        cli.db = uri.rsplit("/", 1)[0] + "/" + name
+        cli.db = fresh_postgresql_database("quillo_tick")
     cli.run("init")
     return cli
 
