@@ -122,6 +122,7 @@ struct SendOptions {
   std::string dkim_domain;         // d=; default the sender address's domain.
   std::string unsubscribe_url;     // Base of the one-click links (where `quillo serve` answers).
   std::string unsubscribe_mailto;  // An address for mailto unsubscribes.
+  std::string verp;                // Return path made per message: local+TOKEN@domain.
 };
 struct ServeOptions {
   std::string listen = "127.0.0.1:8080";
@@ -202,6 +203,11 @@ class SuppressionSet {
 void CmdSuppressAdd(const GlobalOptions& g, const SuppressAdd& a);
 void CmdSuppressRemove(const GlobalOptions& g, const std::string& email);
 void CmdSuppressList(const GlobalOptions& g);
+// Reads returned mail (Maildir, mbox, a folder or one file) into the
+// bounce log and the suppression list.
+void CmdBouncesImport(const GlobalOptions& g, const std::string& path);
+// Prints what each message at `path` reports, recording nothing.
+void CmdBouncesShow(const std::string& path);
 
 // What one send did.
 struct SendTally {

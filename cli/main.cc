@@ -65,6 +65,10 @@ void AddSendOptions(CLI::App* app, SendOptions& o) {
   app->add_option("--dkim-selector", o.dkim_selector, "The DKIM selector of --dkim-key");
   app->add_option("--dkim-domain", o.dkim_domain,
                   "The DKIM signing domain (default: the sender address's domain)");
+  app->add_option("--verp", o.verp,
+                  "Give every message its own return path under this address "
+                  "(bounce@example.com: bounce+TOKEN@example.com), so that returned mail "
+                  "names its recipient for `quillo bounces import`");
   app->add_flag("--resend-in-doubt", o.resend_in_doubt,
                 "Send again the messages a stopped sender had claimed: each may then arrive twice");
   app->add_flag("--compat", o.compat,
@@ -281,6 +285,23 @@ int main(int argc, char** argv) {
   suppress->add_subcommand("list", "List the suppression list")->callback([&] {
     action = [&] { CmdSuppressList(g); };
   });
+
+  // bounces
+  auto* bounces = app.add_subcommand("bounces", "Returned mail: bounces and complaints");
+  bounces->require_subcommand(1);
+  std::string bounce_path;
+  auto* b_import = bounces->add_subcommand(
+      "import",
+      "Read delivery status notifications and complaints from a Maildir, an mbox, a "
+      "folder of messages or one message, and suppress what they call for");
+  b_import->add_option("path", bounce_path, "The Maildir, mbox, folder or file")->required();
+  b_import->callback([&] { action = [&] { CmdBouncesImport(g, bounce_path); }; });
+  auto* b_show = bounces->add_subcommand(
+      "show",
+      "Print what each message at PATH reports (format, recipients, kinds), without "
+      "recording anything");
+  b_show->add_option("path", bounce_path, "The Maildir, mbox, folder or file")->required();
+  b_show->callback([&] { action = [&] { CmdBouncesShow(bounce_path); }; });
 
   // report
   ReportOptions ro_report;

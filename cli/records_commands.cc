@@ -10,6 +10,7 @@
 #include "campaign/constants.h"
 #include "commands.h"
 #include "csv.h"
+#include "delivery/bounces.h"
 #include "delivery/ledger.h"
 #include "mail/address.h"
 #include "mail/composer.h"
@@ -163,6 +164,7 @@ void CmdInit(const GlobalOptions& g) {
   CreateDisabledTable(store);
   CreateTickClaimTable(store);
   delivery::CreateSuppressionSchema(*connection);
+  delivery::CreateBounceSchema(*connection);
   try {
     // One client per address whatever its case, even under concurrent imports.
     connection->Execute(

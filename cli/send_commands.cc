@@ -423,8 +423,10 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
     if (o.unsubscribe_url.rfind("https://", 0) != 0 && o.unsubscribe_url.rfind("http://", 0) != 0) {
       throw CommandError("--unsubscribe-url must start with https:// (or http://)");
     }
-    key = delivery::UnsubscribeKey(*store.database());
   }
+  if (!o.verp.empty()) CheckAddress(o.verp);
+  if (!o.unsubscribe_url.empty() || !o.verp.empty())
+    key = delivery::UnsubscribeKey(*store.database());
   std::string base = o.unsubscribe_url;
   while (!base.empty() && base.back() == '/') base.pop_back();
   const std::string domain(mail::DomainOf(settings.sender));
@@ -439,6 +441,8 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
       list.unsubscribe_url = base + delivery::UnsubscribePath(key, m.account, m.campaign_id);
       list.unsubscribe_mailto = o.unsubscribe_mailto;
     }
+    if (!o.verp.empty())
+      list.return_path = delivery::VerpAddress(key, o.verp, m.account, m.campaign_id);
     delivery::Delivery d =
         mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject, list);
     a.kind = d.outcome.kind;

@@ -3,8 +3,10 @@
 #include <memory>
 
 #include "commands.h"
+#include "delivery/bounces.h"
 #include "delivery/ledger.h"
 #include "mail/address.h"
+#include "mail/returned_mail.h"
 
 namespace quillo::cli {
 
@@ -78,6 +80,51 @@ void CmdSuppressList(const GlobalOptions& g) {
     rows.push_back({r.Text("Email"), r.Text("Reason"), r.Text("Added"), r.Text("Detail")});
   });
   PrintTable({"EMAIL", "REASON", "ADDED (UTC)", "NOTE"}, rows);
+}
+
+void CmdBouncesImport(const GlobalOptions& g, const std::string& path) {
+  Store store(g.db);
+  delivery::BounceImporter importer(store.database());
+  try {
+    delivery::ReadMailbox(path, [&](const std::string& name, std::string_view bytes) {
+      importer.Import(name, bytes);
+    });
+  } catch (const delivery::MailboxError& e) {
+    throw CommandError(e.what());
+  }
+  const delivery::BounceSummary& s = importer.summary();
+  std::printf("read %ld messages from %s (%ld imported before)\n", s.messages, path.c_str(),
+              s.already_imported);
+  std::printf(
+      "hard bounces %ld, soft bounces %ld, delay warnings %ld, delivered %ld, "
+      "complaints %ld\n",
+      s.hard, s.soft, s.delayed, s.delivered, s.complaints);
+  std::printf("suppressed %ld addresses\n", s.suppressed);
+  if (!s.not_understood.empty()) {
+    std::printf("not understood %zu (nothing done; handle them yourself):\n",
+                s.not_understood.size());
+    for (const auto& [name, why] : s.not_understood)
+      std::printf("  %s: %s\n", name.c_str(), why.c_str());
+  }
+}
+
+void CmdBouncesShow(const std::string& path) {
+  try {
+    delivery::ReadMailbox(path, [&](const std::string& name, std::string_view bytes) {
+      mail::ReturnedMail r = mail::ParseReturnedMail(bytes);
+      const char* format = r.format == mail::ReturnFormat::kDeliveryStatus   ? "delivery status"
+                           : r.format == mail::ReturnFormat::kFeedbackReport ? "feedback report"
+                                                                             : "not understood";
+      std::printf("%s: %s%s%s\n", name.c_str(), format, r.problem.empty() ? "" : ": ",
+                  r.problem.c_str());
+      for (const mail::ReturnedRecipient& who : r.recipients) {
+        std::printf("  %s %s %s\n", who.address.c_str(), mail::ReturnKindName(who.kind),
+                    who.status.empty() ? "-" : who.status.c_str());
+      }
+    });
+  } catch (const delivery::MailboxError& e) {
+    throw CommandError(e.what());
+  }
 }
 
 }  // namespace quillo::cli

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <utility>
 
+#include "mail/address.h"
 #include "platform/database.h"
 #include "platform/error.h"
 
@@ -46,6 +47,15 @@ std::string FieldText(const Recordset& rs, std::string_view field) {
   return v.IsNull() || v.IsEmpty() ? std::string() : v.ToString();
 }
 
+std::string QueryText(Connection& connection, const std::string& sql, std::string_view field) {
+  Recordset rs;
+  rs.Open(sql, std::shared_ptr<Connection>(&connection, [](Connection*) {}), kAdOpenForwardOnly,
+          kAdLockReadOnly, kAdCmdText);
+  std::string value = rs.Eof() ? std::string() : FieldText(rs, field);
+  rs.Close();
+  return value;
+}
+
 std::string SqlLiteral(std::string_view text) {
   std::string out = "'";
   for (char c : text) {
@@ -66,7 +76,10 @@ std::optional<LedgerState> ParseLedgerState(std::string_view name) {
 }
 
 std::string LedgerTime(long seconds_from_now) {
-  std::time_t t = std::time(nullptr) + seconds_from_now;
+  return LedgerTimeAt(std::time(nullptr) + seconds_from_now);
+}
+
+std::string LedgerTimeAt(std::time_t t) {
   std::tm tm{};
   gmtime_r(&t, &tm);
   char buffer[32];
@@ -97,15 +110,32 @@ void CreateLedgerSchema(Connection& connection) {
   }
 }
 
-void CreateSuppressionSchema(Connection& connection) {
-  const char* sql =
-      "CREATE TABLE IF NOT EXISTS quillo_suppressions (Email VARCHAR(255) NOT NULL PRIMARY KEY, "
-      "Reason VARCHAR(16) NOT NULL, Detail TEXT, CampaignRecID VARCHAR(32), Added VARCHAR(19))";
+void CreateTableOnce(Connection& connection, const std::string& sql) {
   try {
     connection.Execute(sql);
   } catch (const RuntimeError&) {
     connection.Execute(sql);  // Made at the same moment by another session (PostgreSQL).
   }
+}
+
+void CreateSuppressionSchema(Connection& connection) {
+  CreateTableOnce(
+      connection,
+      "CREATE TABLE IF NOT EXISTS quillo_suppressions (Email VARCHAR(255) NOT NULL PRIMARY KEY, "
+      "Reason VARCHAR(16) NOT NULL, Detail TEXT, CampaignRecID VARCHAR(32), Added VARCHAR(19))");
+}
+
+bool SuppressAddress(Connection& connection, std::string_view email, std::string_view reason,
+                     std::string_view detail, std::string_view campaign) {
+  CreateSuppressionSchema(connection);
+  long added = 0;
+  connection.Execute(
+      "INSERT INTO quillo_suppressions (Email, Reason, Detail, CampaignRecID, Added) VALUES (" +
+          SqlLiteral(mail::MailboxKey(email)) + ", " + SqlLiteral(reason) + ", " +
+          SqlLiteral(detail) + ", " + SqlLiteral(campaign) + ", " + SqlLiteral(LedgerTime()) +
+          ") ON CONFLICT (Email) DO NOTHING",
+      &added);
+  return added > 0;
 }
 
 Ledger::Ledger(std::shared_ptr<Connection> connection, std::string worker)

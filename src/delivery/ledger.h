@@ -25,6 +25,7 @@
 #ifndef QUILLO_DELIVERY_LEDGER_H_
 #define QUILLO_DELIVERY_LEDGER_H_
 
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <span>
@@ -53,6 +54,9 @@ std::string SqlLiteral(std::string_view text);
 
 // Field `field` of the current row as text; "" for Null.
 std::string FieldText(const Recordset& rs, std::string_view field);
+
+// Field `field` of the first row `sql` gives, as text; "" when no row.
+std::string QueryText(Connection& connection, const std::string& sql, std::string_view field);
 
 // The key of one message: a campaign item for one client.
 struct MessageKey {
@@ -85,11 +89,21 @@ struct LedgerRow {
 // Creates quillo_deliveries and its index when missing (SQLite and PostgreSQL).
 void CreateLedgerSchema(Connection& connection);
 
+// Runs `sql`, a CREATE TABLE IF NOT EXISTS, once more when it fails: on
+// PostgreSQL two sessions creating the same table at once make one fail.
+void CreateTableOnce(Connection& connection, const std::string& sql);
+
 // Creates quillo_suppressions, the addresses nothing is sent to, when
 // missing: Email (the key, as MailboxKey folds it), Reason ("unsubscribed",
 // "bounced", "complained" or "manual"), Detail, CampaignRecID (the campaign
 // it came from, or empty) and Added (UTC "yyyy-mm-dd hh:nn:ss").
 void CreateSuppressionSchema(Connection& connection);
+
+// Puts `email` on the suppression list (made when missing) for `reason`
+// ("unsubscribed", "bounced", "complained" or "manual"). An address already
+// on it keeps its first reason. True when it was added now.
+bool SuppressAddress(Connection& connection, std::string_view email, std::string_view reason,
+                     std::string_view detail, std::string_view campaign);
 
 class Ledger {
  public:
@@ -139,6 +153,9 @@ class Ledger {
 
 // The current UTC time, `seconds_from_now` ahead, as "yyyy-mm-dd hh:nn:ss".
 std::string LedgerTime(long seconds_from_now = 0);
+
+// `t` in the same form.
+std::string LedgerTimeAt(std::time_t t);
 
 }  // namespace delivery
 }  // namespace quillo

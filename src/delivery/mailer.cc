@@ -135,7 +135,7 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
   }
   delivery.message_id = composed.message_id;
   smtp::Envelope envelope;
-  envelope.from = parsed.draft.from.address;
+  envelope.from = list.return_path.empty() ? parsed.draft.from.address : list.return_path;
   envelope.to.push_back(parsed.draft.to.address);
   envelope.body_8bitmime = composed.needs_8bitmime;
   envelope.smtputf8 = composed.needs_smtputf8;

@@ -71,6 +71,7 @@ struct ListHeaders {
   std::string list_id;             // A List-Id value, e.g. "\"News\" <id.example.com>".
   std::string unsubscribe_url;     // The one-click URL; empty: no unsubscribe fields.
   std::string unsubscribe_mailto;  // An address for mailto unsubscribes, or empty.
+  std::string return_path;         // The envelope sender (a VERP address); empty: From.
 };
 
 class Mailer {

@@ -47,6 +47,19 @@ struct UnsubscribeTarget {
 // malformed path, a wrong, truncated or altered token, or another client's).
 std::optional<UnsubscribeTarget> CheckUnsubscribePath(std::string_view key, std::string_view path);
 
+// A VERP return path for (client, campaign): "bounce@example.com" becomes
+// "bounce+TOKEN@example.com", TOKEN carrying both keys and 64 bits of their
+// HMAC under the same key as the unsubscribe links, for this use only.
+// Returned mail that comes back to it names its recipient even when the
+// report itself does not. `return_path` unchanged when the local part would
+// pass 64 characters or a key is not plain letters and digits. Like every
+// local part the token is case-sensitive.
+std::string VerpAddress(std::string_view key, std::string_view return_path, std::string_view client,
+                        std::string_view campaign);
+
+// The client and campaign of a VERP address whose token is right, else nullopt.
+std::optional<UnsubscribeTarget> CheckVerpAddress(std::string_view key, std::string_view address);
+
 // Puts the client's address on the suppression list as unsubscribed from
 // the campaign (once; a second opt-out changes nothing). False when the
 // client no longer exists.

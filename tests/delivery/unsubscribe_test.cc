@@ -47,5 +47,48 @@ TEST(Unsubscribe, ForgedTruncatedAndBorrowedTokensAreRefused) {
   EXPECT_FALSE(CheckUnsubscribePath(kKey, ""));
 }
 
+TEST(Verp, AReturnPathCarriesItsRecipientAndChecks) {
+  // Generated keys are 32 hex digits; the local part stays within 64.
+  const std::string client = "12E4BCC99FABF199C08F0EE247B7250C";
+  const std::string campaign = "a9027bc9889d648dbf9eca58c8196960";
+  std::string address = VerpAddress(kKey, "bounce@news.example.com", client, campaign);
+  EXPECT_EQ(address.rfind("bounce+", 0), 0u);
+  EXPECT_EQ(address.substr(address.find('@')), "@news.example.com");
+  EXPECT_LE(address.find('@'), 64u);
+  auto target = CheckVerpAddress(kKey, address);
+  ASSERT_TRUE(target.has_value());
+  EXPECT_EQ(target->client, client);
+  EXPECT_EQ(target->campaign, campaign);
+  auto plain = CheckVerpAddress(kKey, VerpAddress(kKey, "b@x.example", "C1", "K1"));
+  ASSERT_TRUE(plain.has_value());
+  EXPECT_EQ(plain->client, "C1");
+  EXPECT_EQ(plain->campaign, "K1");
+}
+
+TEST(Verp, ForgedAlteredAndBorrowedTokensAreRefused) {
+  std::string good = VerpAddress(kKey, "bounce@news.example.com", "C1", "K1");
+  std::string other = VerpAddress(kKey, "bounce@news.example.com", "C2", "K1");
+  EXPECT_NE(good, other);
+  for (size_t i = std::string("bounce+").size(); i < good.find('@'); ++i) {
+    std::string altered = good;
+    altered[i] = altered[i] == 'A' ? 'B' : 'A';
+    EXPECT_FALSE(CheckVerpAddress(kKey, altered)) << altered;
+  }
+  EXPECT_FALSE(CheckVerpAddress("another key", good));
+  EXPECT_FALSE(CheckVerpAddress(kKey, "bounce@news.example.com"));
+  std::string truncated = good;
+  truncated.erase(truncated.find('@') - 1, 1);
+  EXPECT_FALSE(CheckVerpAddress(kKey, truncated));
+  EXPECT_FALSE(
+      CheckVerpAddress(kKey, "bounce+" + UnsubscribeToken(kKey, "C1", "K1") + "@news.example.com"));
+}
+
+TEST(Verp, ALocalPartPast64CharactersKeepsThePlainReturnPath) {
+  EXPECT_EQ(VerpAddress(kKey, "bounces-for-the-spring-newsletter@news.example.com",
+                        "12E4BCC99FABF199C08F0EE247B7250C", "A9027BC9889D648DBF9ECA58C8196960"),
+            "bounces-for-the-spring-newsletter@news.example.com");
+  EXPECT_EQ(VerpAddress(kKey, "bounce@news.example.com", "C-1", "K1"), "bounce@news.example.com");
+}
+
 }  // namespace
 }  // namespace quillo::delivery
