@@ -1,10 +1,12 @@
 """DKIM: `quillo dkim keygen` makes RSA and Ed25519 keys, `send --dkim-key`
-and quillo.Mailer(dkim_key=...) sign what they deliver, and an independent
-verifier (dkimpy) accepts the messages as they arrived at aiosmtpd, and
-rejects them once a signed header or the body is changed."""
+and quillo.Mailer(dkim_key=...) sign what they deliver, and two independent
+verifiers (dkimpy, and OpenDKIM's opendkim-testmsg looking the key up in a
+loopback DNS) accept the messages as they arrived at aiosmtpd, and reject
+them once a signed header or the body is changed, by as little as one byte."""
 import os
 import re
 import stat
+import sys
 
 import pytest
 
@@ -62,6 +64,48 @@ def test_sent_messages_carry_a_signature_an_independent_verifier_accepts(cli, sm
         assert not verifies(raw.replace(b"\r\n\r\n", b"\r\nFrom: evil@example.test\r\n\r\n", 1),
                             record)
         assert not verifies(raw + b"P.S. added\r\n", record)
+
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
+                                "support"))
+from opendkim_verify import OpenDkim  # noqa: E402
+
+
+def one_byte_changes(raw):
+    """The message with one byte changed in a signed header, in the body, and
+    in the signature itself."""
+    head, body = raw.split(b"\r\n\r\n", 1)
+    subject = head.index(b"\nSubject: ") + len(b"\nSubject: ")
+    signature = re.search(rb"[\s;]b=", head).end() + 8
+    flip = lambda data, at: data[:at] + bytes([data[at] ^ 0x01]) + data[at + 1:]  # noqa: E731
+    return {"subject": flip(head, subject) + b"\r\n\r\n" + body,
+            "body": head + b"\r\n\r\n" + flip(body, len(body) // 2),
+            "signature": flip(head, signature) + b"\r\n\r\n" + body}
+
+
+@pytest.mark.parametrize("algorithm", ["rsa", "ed25519"])
+def test_opendkim_accepts_what_we_sign_and_refuses_a_one_byte_change(cli, smtp_server,
+                                                                     algorithm):
+    why = OpenDkim.unavailable()
+    if why:
+        pytest.skip(why)
+    server = smtp_server()
+    welcome_campaign(cli)
+    key, record = keygen(cli, algorithm)
+    cli.run("send", "--campaign", "Welcome", "--date", "2026-03-01", "--smtp",
+            "smtp://127.0.0.1:%d" % server.port, "--from", "news@quillo.example",
+            "--dkim-key", str(key), "--dkim-selector", "s2026", "-q")
+    messages = raw_messages(server)
+    assert len(messages) == 2
+    with OpenDkim({"s2026._domainkey.quillo.example": record}) as opendkim:
+        for raw in messages:
+            assert opendkim.verify(raw) == (True, "")
+            assert verifies(raw, record)
+            for where, changed in one_byte_changes(raw).items():
+                ok, said = opendkim.verify(changed)
+                assert not ok, where
+                assert "signature" in said.lower() or "verif" in said.lower(), said
+                assert not verifies(changed, record), where
 
 
 def test_bad_dkim_options_are_refused_before_sending(cli, smtp_server):

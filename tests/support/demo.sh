@@ -131,21 +131,29 @@ for _ in $(seq 100); do grep -q listening "$OUT/serve.out" 2>/dev/null && break;
 SERVE=$(sed -n 's/^listening on //p' "$OUT/serve.out")
 echo "   unsubscribe links answered at $SERVE"
 SIGN=(--dkim-key "$OUT/dkim.pem" --dkim-selector demo --unsubscribe-url "$SERVE"
-  --unsubscribe-mailto unsubscribe@quillo.example)
+  --unsubscribe-mailto unsubscribe@quillo.example --verp bounce@quillo.example)
 q account list
 
 for offset in 0 1 2; do
   if [ "$offset" = 1 ]; then
-    echo "-- a signed message, checked by dkimpy; its unsubscribe link, followed"
-    /usr/bin/python3 - "$OUT/Maildir" "$OUT/dkim.txt" <<'PY'
+    echo "-- a signed message, checked by dkimpy and OpenDKIM; its unsubscribe link, followed"
+    /usr/bin/python3 - "$OUT/Maildir" "$OUT/dkim.txt" "$SUPPORT" <<'PY'
 import mailbox, re, sys, urllib.request
 import dkim
+sys.path.insert(0, sys.argv[3])
+from opendkim_verify import OpenDkim
 record = re.search(r'IN TXT "(.*)"', open(sys.argv[2]).read()).group(1).encode()
 box = mailbox.Maildir(sys.argv[1], create=False)
 message = next(m for m in box if m["Subject"] == "Tip one")
 raw = message.as_bytes().replace(b"\r\n", b"\n").replace(b"\n", b"\r\n")
 print("   DKIM signature of the message to", message["To"], "verifies:",
-      dkim.verify(raw, dnsfunc=lambda name, timeout=5: record))
+      dkim.verify(raw, dnsfunc=lambda name, timeout=5: record), "(dkimpy)")
+if OpenDkim.unavailable():
+    print("   OpenDKIM cannot run here:", OpenDkim.unavailable())
+else:
+    with OpenDkim({"demo._domainkey.quillo.example": record}) as opendkim:
+        print("   ... and", opendkim.verify(raw)[0], "(opendkim-testmsg);",
+              "with one byte of the body changed:", opendkim.verify(raw[:-4] + b"X\r\n")[0])
 link = re.search(r"<(http[^>]+)>", message["List-Unsubscribe"]).group(1)
 req = urllib.request.Request(link, data=b"List-Unsubscribe=One-Click", method="POST")
 with urllib.request.urlopen(req, timeout=10) as r:
@@ -159,6 +167,31 @@ PY
     q send --campaign "$c" --date "$D" --queue "$OUT/queue-$D-${c// /_}.txt" --quiet "${SIGN[@]}"
   done
 done
+
+echo "-- returned mail: a bounce that names only a forward, and a complaint, imported"
+/usr/bin/python3 - "$OUT/Maildir" "$OUT/Bounces" <<'PY'
+import email.utils, mailbox, sys
+box = mailbox.Maildir(sys.argv[1], create=False)
+news = sorted((m for m in box if m["Subject"] == "Monthly news"), key=lambda m: m["To"])
+bounced, complained = news[-1], news[-2]
+out = mailbox.Maildir(sys.argv[2], create=True)
+# The report came back to the message's own return path (its VERP address)
+# and names only the address the mail was forwarded to.
+out.add(mailbox.MaildirMessage(
+    "From: MAILER-DAEMON@mx.example.net\nTo: %s\nDate: %s\nSubject: Undelivered Mail\n"
+    "MIME-Version: 1.0\nContent-Type: multipart/report; report-type=delivery-status; boundary=B\n\n"
+    "--B\nContent-Type: text/plain\n\nGone.\n--B\nContent-Type: message/delivery-status\n\n"
+    "Reporting-MTA: dns; mx.example.net\n\nFinal-Recipient: rfc822; old-box@forward.example.net\n"
+    "Action: failed\nStatus: 5.1.1\n\n--B--\n" % (bounced["X-MailFrom"].strip(), bounced["Date"])))
+out.add(mailbox.MaildirMessage(
+    "From: fbl@isp.example.net\nTo: abuse@quillo.example\nDate: %s\nSubject: Complaint\n"
+    "MIME-Version: 1.0\nContent-Type: multipart/report; report-type=feedback-report; boundary=F\n\n"
+    "--F\nContent-Type: message/feedback-report\n\nFeedback-Type: abuse\nVersion: 1\n"
+    "Original-Rcpt-To: %s\n\n--F--\n" % (complained["Date"], email.utils.parseaddr(complained["To"])[1])))
+print("   bounce for", bounced["To"], "| complaint from", complained["To"])
+PY
+q bounces import "$OUT/Bounces" | sed 's/^/   /'
+q suppress list | sed 's/^/   /'
 
 # From here on the daily job does it: each tick runs every campaign that is
 # due that day (and catches up a missed day), once.
