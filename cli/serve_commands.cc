@@ -52,9 +52,9 @@ void CmdServe(const GlobalOptions& g, const ServeOptions& o) {
     if (!delivery::CheckUnsubscribePath(key, req.path)) return BadRequest(res);
     res.set_content(std::string(kPage) +
                         "<h1>Unsubscribe</h1>\n<p>You will get no more mail from this list.</p>\n"
-                        "<form method=\"post\" action=\"" +
-                        req.path +
-                        "\">\n<input type=\"hidden\" name=\"List-Unsubscribe\" "
+                        // No action: the form posts to the page's own address, whatever
+                        // prefix a web server in front maps to this one.
+                        "<form method=\"post\">\n<input type=\"hidden\" name=\"List-Unsubscribe\" "
                         "value=\"One-Click\">\n<button type=\"submit\">Unsubscribe</button>\n"
                         "</form>\n</body>\n</html>\n",
                     "text/html; charset=utf-8");

@@ -137,3 +137,53 @@ def test_a_bad_unsubscribe_url_is_refused(cli, smtp_server):
                    "--unsubscribe-url", "ftp://example.test/u", "-q", check=False)
     assert done.returncode == 1 and "--unsubscribe-url must start with https://" in done.stderr
     assert smtp.messages() == {}
+
+
+def headless_chromium(profile):
+    """Debian's Chromium under chromedriver, headless; skips the test only
+    when it cannot start here."""
+    webdriver = pytest.importorskip("selenium.webdriver",
+                                    reason="python3-selenium is installed by ./run")
+    from selenium.webdriver.chrome.service import Service
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                "--no-first-run", "--user-data-dir=" + str(profile),
+                "--proxy-server=http://127.0.0.1:9", "--proxy-bypass-list=127.0.0.1"):
+        options.add_argument(arg)
+    try:
+        return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    except Exception as e:  # noqa: BLE001 (any failure to start is the same to us)
+        pytest.skip("Chromium could not start here: %s" % str(e)[:300])
+
+
+def test_chromium_opens_the_unsubscribe_page_and_submits_it(cli, smtp_server, server_of,
+                                                            tmp_path):
+    smtp = smtp_server()
+    base = server_of()
+    campaign(cli)
+    send(cli, smtp, base, "2026-03-01")
+    (ada,) = smtp.messages()["ada@example.test"]
+    # The server answers at the path under its own root (a web server maps /quillo/ to it).
+    link = re.search(r"Unsubscribe: (\S+)", ada.get_content()).group(1).replace("/quillo/", "/")
+    browser = headless_chromium(tmp_path / "profile")
+    try:
+        browser.set_page_load_timeout(30)
+        browser.get(link)
+        assert browser.title == "Unsubscribe"
+        # No script on the page: the form works with JavaScript off.
+        assert browser.execute_script("return document.scripts.length") == 0
+        assert "ada@example.test" not in cli.out("suppress", "list")
+        browser.find_element("css selector", "form button[type=submit]").click()
+        from selenium.webdriver.support.ui import WebDriverWait
+        WebDriverWait(browser, 20).until(
+            lambda b: b.find_element("css selector", "h1").text == "Unsubscribed")
+        assert "You will get no more mail from this list." in browser.page_source
+    finally:
+        browser.quit()
+    listing = cli.out("suppress", "list")
+    assert "ada@example.test" in listing and "unsubscribed" in listing
+    assert "alan@example.test" not in listing
+    done = send(cli, smtp, base, "2026-03-02")
+    assert "suppressed 1 messages" in done.stdout
+    assert len(smtp.messages()["ada@example.test"]) == 1
