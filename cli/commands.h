@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "mail/dkim.h"
 #include "store.h"
 
 namespace quillo::cli {
@@ -137,6 +138,19 @@ struct DkimKeygen {
 };
 // Makes a DKIM key pair and prints the DNS record to publish.
 void CmdDkimKeygen(const DkimKeygen& k);
+struct DkimKeyEntry {
+  std::string sender;    // A sending domain, or one account's address.
+  std::string domain;    // d=; default the sender's domain.
+  std::string selector;  // s=.
+  std::string key;       // The PEM private key file.
+};
+// The signing keys kept in the database (quillo_dkim_keys): send and tick
+// sign each account's mail with the key of its address, else of its domain.
+void CmdDkimAdd(const GlobalOptions& g, const DkimKeyEntry& e);
+void CmdDkimRemove(const GlobalOptions& g, const std::string& sender);
+void CmdDkimList(const GlobalOptions& g);
+// The key kept for `sender_address` (its own, else its domain's), or nullopt.
+std::optional<mail::DkimKey> StoredDkimKey(const Store& store, const std::string& sender_address);
 
 // Exit status of a command that ran to the end but left part of its work
 // undone (messages not delivered, rows rejected).

@@ -265,6 +265,24 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::IsMember({"rsa", "ed25519"}));
   keygen->callback([&] { action = [&] { CmdDkimKeygen(dk); }; });
+  DkimKeyEntry de;
+  auto* d_add = dkim->add_subcommand(
+      "add", "Sign all mail from a domain (or one account's address) with a key");
+  d_add->add_option("--sender", de.sender, "The sending domain, or an account's address")
+      ->required();
+  d_add->add_option("--selector", de.selector, "The selector its TXT record is published under")
+      ->required();
+  d_add->add_option("--key", de.key, "The private key file (PEM, readable by its owner only)")
+      ->required();
+  d_add->add_option("--domain", de.domain, "The signing domain d= (default: the sender's)");
+  d_add->callback([&] { action = [&] { CmdDkimAdd(g, de); }; });
+  std::string dkim_sender;
+  auto* d_remove = dkim->add_subcommand("remove", "Stop signing mail from a domain or address");
+  d_remove->add_option("--sender", dkim_sender, "The domain or address")->required();
+  d_remove->callback([&] { action = [&] { CmdDkimRemove(g, dkim_sender); }; });
+  dkim->add_subcommand("list", "List the signing keys kept in the database")->callback([&] {
+    action = [&] { CmdDkimList(g); };
+  });
 
   // suppress
   auto* suppress = app.add_subcommand(

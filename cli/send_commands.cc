@@ -375,7 +375,7 @@ smtp::TlsMode TlsModeFor(const SmtpSettings& s, const std::string& option) {
   throw CommandError("bad --tls '" + option + "': expected required, opportunistic or none");
 }
 
-delivery::Account ModernAccount(const SmtpSettings& s, const SendOptions& o) {
+delivery::Account ModernAccount(const Store& store, const SmtpSettings& s, const SendOptions& o) {
   delivery::Account a;
   a.session.host = s.server;
   a.session.port = s.port;
@@ -399,6 +399,8 @@ delivery::Account ModernAccount(const SmtpSettings& s, const SendOptions& o) {
     } catch (const mail::DkimError& e) {
       throw CommandError(e.what());
     }
+  } else {
+    a.dkim = StoredDkimKey(store, s.sender);  // The account's own key, else its domain's.
   }
   // -v shows the dialogue; the session masks credentials itself.
   if (spdlog::should_log(spdlog::level::debug))
@@ -412,9 +414,9 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
   auto lookup = [&store, &o](const std::string& email) -> std::optional<delivery::Account> {
     std::optional<SmtpSettings> found = FindAccount(store, email);
     if (!found) return std::nullopt;
-    return ModernAccount(*found, o);
+    return ModernAccount(store, *found, o);
   };
-  keep = std::make_shared<delivery::Mailer>(ModernAccount(settings, o), lookup);
+  keep = std::make_shared<delivery::Mailer>(ModernAccount(store, settings, o), lookup);
   auto mailer = keep;
   auto delivered_any = std::make_shared<bool>(false);
   // The unsubscribe links are signed with the database's own key.
@@ -701,18 +703,6 @@ SendTally RunAndSend(const GlobalOptions& g, const SendOptions& o) {
   sent.made = t.made;
   sent.queued = messages.size();
   return sent;
-}
-
-void CmdDkimKeygen(const DkimKeygen& k) {
-  mail::DkimAlgorithm algorithm = k.algorithm == "ed25519" ? mail::DkimAlgorithm::kEd25519Sha256
-                                                           : mail::DkimAlgorithm::kRsaSha256;
-  try {
-    std::string record = mail::GenerateDkimKey(algorithm, k.key);
-    std::printf("private key: %s\npublish this TXT record:\n%s._domainkey.%s. IN TXT \"%s\"\n",
-                k.key.c_str(), k.selector.c_str(), k.domain.c_str(), record.c_str());
-  } catch (const mail::DkimError& e) {
-    throw CommandError(e.what());
-  }
 }
 
 void CmdSend(const GlobalOptions& g, const SendOptions& o) {

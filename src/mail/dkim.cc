@@ -178,6 +178,14 @@ DkimKey LoadDkimKey(const std::string& path, const std::string& domain,
   if (domain.empty() || selector.empty()) throw DkimError("DKIM needs a domain and a selector");
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) throw DkimError("cannot read the DKIM key '" + path + "'");
+  struct stat info {};
+  if (fstat(fileno(file), &info) == 0 && (info.st_mode & 077) != 0) {
+    std::fclose(file);
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+    throw DkimError("the DKIM key '" + path + "' can be read by others (mode " + mode +
+                    "): make it readable by its owner only (chmod 600)");
+  }
   EVP_PKEY* pkey = PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
   std::fclose(file);
   if (!pkey) throw DkimError("'" + path + "' holds no PEM private key");

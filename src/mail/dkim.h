@@ -43,7 +43,7 @@ struct DkimKey {
 };
 
 // Reads a PEM private key (RSA of 1024 bits or more, or Ed25519) from
-// `path`. Throws DkimError.
+// `path`, which must be readable by its owner only. Throws DkimError.
 DkimKey LoadDkimKey(const std::string& path, const std::string& domain,
                     const std::string& selector);
 

@@ -114,6 +114,7 @@ def test_bad_dkim_options_are_refused_before_sending(cli, smtp_server):
     base = ["send", "--campaign", "Welcome", "--date", "2026-03-01", "--smtp",
             "smtp://127.0.0.1:%d" % server.port, "--from", "news@quillo.example", "-q"]
     (cli.folder / "not-a-key.pem").write_text("hello\n")
+    os.chmod(cli.folder / "not-a-key.pem", 0o600)
     bad = cli.run(*base, "--dkim-key", str(cli.folder / "not-a-key.pem"), "--dkim-selector", "s",
                   check=False)
     assert bad.returncode == 1 and "holds no PEM private key" in bad.stderr
@@ -146,3 +147,76 @@ def test_python_mailer_signs_with_its_dkim_key(quillo, cli, smtp_server):
     with pytest.raises(ValueError):
         quillo.Mailer(host="127.0.0.1", from_address="news@quillo.example",
                       dkim_key=str(cli.folder / "missing.pem"), dkim_selector="s")
+
+
+def signature_tags(raw):
+    header = re.search(rb"DKIM-Signature:((?:[^\r]|\r\n[ \t])*)", raw)
+    if not header:
+        return None
+    return dict(t.strip().split(b"=", 1)
+                for t in re.sub(rb"\s+", b"", header.group(1)).split(b";") if t)
+
+
+def test_keys_kept_per_domain_and_per_account_sign_without_options(cli, smtp_server):
+    server = smtp_server()
+    welcome_campaign(cli)
+    domain_key, domain_record = keygen(cli, "rsa")
+    account_key = cli.folder / "account.pem"
+    out = cli.out("dkim", "keygen", "--algorithm", "ed25519", "--key", str(account_key),
+                  "--selector", "news", "--domain", "quillo.example")
+    account_record = re.search(r'IN TXT "(.*)"', out).group(1).encode()
+    assert "quillo dkim add --sender quillo.example --selector news --key " in out
+    cli.run("dkim", "add", "--sender", "Quillo.Example", "--selector", "s2026", "--key",
+            str(domain_key))
+    cli.run("dkim", "add", "--sender", "News@quillo.example", "--selector", "news", "--key",
+            str(account_key))
+    listing = cli.out("dkim", "list")
+    assert "quillo.example" in listing and "news@quillo.example" in listing
+    base = ["send", "--smtp", "smtp://127.0.0.1:%d" % server.port, "--campaign", "Welcome", "-q"]
+
+    # The account's own key first.
+    cli.run(*base, "--date", "2026-03-01", "--from", "news@quillo.example")
+    first = raw_messages(server)
+    assert len(first) == 2
+    records = {b"news": account_record, b"s2026": domain_record}
+    for raw in first:
+        tags = signature_tags(raw)
+        assert (tags[b"d"], tags[b"s"], tags[b"a"]) == (b"quillo.example", b"news",
+                                                         b"ed25519-sha256")
+        assert dkim.verify(raw, dnsfunc=lambda name, timeout=5: records[name.split(b".")[0]])
+    # Without it, the domain's key.
+    cli.run("dkim", "remove", "--sender", "news@quillo.example")
+    cli.run(*base, "--date", "2026-03-03", "--from", "news@quillo.example")
+    later = [m for m in raw_messages(server) if m not in first]
+    assert len(later) == 2
+    for raw in later:
+        tags = signature_tags(raw)
+        assert (tags[b"s"], tags[b"a"]) == (b"s2026", b"rsa-sha256")
+        assert verifies(raw, domain_record)
+    bad = cli.run("dkim", "remove", "--sender", "news@quillo.example", check=False)
+    assert bad.returncode == 1 and "no DKIM key is kept for" in bad.stderr
+
+
+def test_a_key_others_can_read_is_refused(cli, smtp_server):
+    server = smtp_server()
+    welcome_campaign(cli)
+    key, _ = keygen(cli, "rsa")
+    os.chmod(key, 0o644)
+    bad = cli.run("dkim", "add", "--sender", "quillo.example", "--selector", "s2026", "--key",
+                  str(key), check=False)
+    assert bad.returncode == 1 and "can be read by others (mode 0644)" in bad.stderr
+    bad = cli.run("send", "--campaign", "Welcome", "--date", "2026-03-01", "--smtp",
+                  "smtp://127.0.0.1:%d" % server.port, "--from", "news@quillo.example",
+                  "--dkim-key", str(key), "--dkim-selector", "s2026", "-q", check=False)
+    assert bad.returncode == 1 and "chmod 600" in bad.stderr
+    assert server.messages() == {}
+    # A key kept in the database that has since become readable stops the send too:
+    # nothing goes out unsigned by surprise.
+    os.chmod(key, 0o600)
+    cli.run("dkim", "add", "--sender", "quillo.example", "--selector", "s2026", "--key", str(key))
+    os.chmod(key, 0o640)
+    bad = cli.run("send", "--campaign", "Welcome", "--date", "2026-03-01", "--smtp",
+                  "smtp://127.0.0.1:%d" % server.port, "--from", "news@quillo.example", "-q",
+                  check=False)
+    assert bad.returncode == 1 and "can be read by others" in bad.stderr
+    assert server.messages() == {}
