@@ -124,6 +124,15 @@ struct SendOptions {
   std::string unsubscribe_url;     // Base of the one-click links (where `quillo serve` answers).
   std::string unsubscribe_mailto;  // An address for mailto unsubscribes.
   std::string verp;                // Return path made per message: local+TOKEN@domain.
+  int connections = 4;             // SMTP connections at once (1 with --compat).
+  std::string rate = "0";          // Messages per second for the account: "50/s", "0": no limit.
+  std::string domain_rate = "0";   // The same per recipient domain.
+  long per_connection = 0;         // Messages per connection before a new one; 0: no cap.
+  std::string retry_for = "4h";    // How long deferred messages are tried again in this run.
+  bool worker = false;             // Send the queues tick keeps, until none has work left.
+  long wait = 0;                   // --worker: seconds to wait for a first queue.
+  // Called with the queue file once the run made it, before anything is sent.
+  std::function<void(const std::string& queue_file)> on_queued;
 };
 struct ServeOptions {
   std::string listen = "127.0.0.1:8080";
@@ -232,6 +241,7 @@ struct SendTally {
   int sent = 0, deferred = 0, refused = 0, failed = 0, skipped = 0;
   int in_doubt = 0;                // Claimed by a sender that stopped; not sent again unless asked.
   int busy = 0;                    // Held by another sender working now.
+  int refused_before = 0;          // Refused (5xx) by an earlier send: final, not sent again.
   int disabled = 0;                // For a disabled campaign, client, enrolment or item: skipped.
   int suppressed = 0;              // To an address on the suppression list: not sent.
   long abandoned = 0;              // Claims of stopped senders found at the start.
@@ -244,6 +254,10 @@ struct SendTally {
 // printing nothing (but the progress bar and --timings).
 SendTally RunAndSend(const GlobalOptions& g, const SendOptions& s);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
+// send --worker: sends the queues tick keeps in the database
+// (quillo_tick_queues) until none has anything left to claim, waiting up to
+// `s.wait` seconds for a first one.
+SendTally SendKeptQueues(const GlobalOptions& g, const SendOptions& s);
 // One thing a tick did or found, about one campaign (and one date).
 struct TickEvent {
   enum class Level { kInfo, kWarning, kError };

@@ -69,6 +69,25 @@ void AddSendOptions(CLI::App* app, SendOptions& o) {
                   "Give every message its own return path under this address "
                   "(bounce@example.com: bounce+TOKEN@example.com), so that returned mail "
                   "names its recipient for `quillo bounces import`");
+  app->add_option("--connections", o.connections,
+                  "SMTP connections at once, each reused from message to message (1 with "
+                  "--compat)")
+      ->capture_default_str();
+  app->add_option("--rate", o.rate,
+                  "At most this many messages for the account: 50/s, 3000/m, 100000/h (0: no "
+                  "limit)")
+      ->capture_default_str();
+  app->add_option("--domain-rate", o.domain_rate,
+                  "At most this many messages to each recipient domain: 10/s, 600/m, ... (0: no "
+                  "limit)")
+      ->capture_default_str();
+  app->add_option("--per-connection", o.per_connection,
+                  "Open a new connection after this many messages (0: no cap)")
+      ->capture_default_str();
+  app->add_option("--retry-for", o.retry_for,
+                  "Try deferred (4xx) messages and cut-off connections again, with growing waits, "
+                  "for this long: 90s, 30m, 4h (0: no retry in this run)")
+      ->capture_default_str();
   app->add_flag("--resend-in-doubt", o.resend_in_doubt,
                 "Send again the messages a stopped sender had claimed: each may then arrive twice");
   app->add_flag("--compat", o.compat,
@@ -227,6 +246,11 @@ int main(int argc, char** argv) {
   AddSendOptions(send, so);
   send->add_flag("-q,--quiet", so.quiet, "No progress bar");
   send->add_flag("--timings", so.timings, "Print the time spent in each stage of sending");
+  send->add_flag("--worker", so.worker,
+                 "Send the queues `quillo tick` keeps in the database, with other senders on "
+                 "other machines, until none has anything left");
+  send->add_option("--wait", so.wait, "With --worker: seconds to wait for a first queue")
+      ->capture_default_str();
   send->callback([&] { action = [&] { CmdSend(g, so); }; });
 
   // tick

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +20,9 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <regex>
+#include <thread>
 
 #include "commands.h"
 #include "delivery/ledger.h"
@@ -35,6 +38,7 @@
 #include "platform/tcp_socket.h"
 #include "platform/tls_socket.h"
 #include "progress.h"
+#include "send_engine.h"
 
 namespace quillo::cli {
 
@@ -313,18 +317,6 @@ void LogSent(const Store& store, const QueuedMessage& m) {
                      why);
 }
 
-// How one delivery attempt ended.
-struct Attempt {
-  smtp::OutcomeKind kind = smtp::OutcomeKind::kFailed;
-  std::string reason;        // Never empty when not accepted.
-  bool unreachable = false;  // The server itself could not be used.
-  bool suppressed = false;   // Not sent: the address is on the suppression list.
-};
-
-// Delivers one queued message to its client with a subject.
-using DeliverFunction = std::function<Attempt(const QueuedMessage& m, const Dispatch& client,
-                                              const std::string& subject)>;
-
 // The library's documented classes: a fresh dmMessage and ardESMTP per
 // message, the outcome read from the client's transcript.
 DeliverFunction CompatDeliverer(const Store& store, SmtpSettings settings, const SendOptions& o) {
@@ -408,17 +400,25 @@ delivery::Account ModernAccount(const Store& store, const SmtpSettings& s, const
   return a;
 }
 
-// Our own delivery path: one Mailer, its connections reused between messages.
+// Our own delivery path: one Mailer, its connections reused between
+// messages. Several of them send at once (one per connection): they share
+// `lookup_lock` for their database lookups and `delivered_any`.
 DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings,
-                                const SendOptions& o, std::shared_ptr<delivery::Mailer>& keep) {
-  auto lookup = [&store, &o](const std::string& email) -> std::optional<delivery::Account> {
+                                const SendOptions& o, std::shared_ptr<delivery::Mailer>& keep,
+                                std::shared_ptr<std::mutex> lookup_lock,
+                                std::shared_ptr<std::atomic<bool>> delivered_any) {
+  auto lookup = [&store, &o,
+                 lookup_lock](const std::string& email) -> std::optional<delivery::Account> {
+    std::lock_guard<std::mutex> lock(*lookup_lock);
     std::optional<SmtpSettings> found = FindAccount(store, email);
     if (!found) return std::nullopt;
     return ModernAccount(store, *found, o);
   };
-  keep = std::make_shared<delivery::Mailer>(ModernAccount(store, settings, o), lookup);
+  delivery::Account account = ModernAccount(store, settings, o);
+  account.session.max_messages_per_connection =
+      o.per_connection > 0 ? static_cast<std::size_t>(o.per_connection) : 0;
+  keep = std::make_shared<delivery::Mailer>(account, lookup);
   auto mailer = keep;
-  auto delivered_any = std::make_shared<bool>(false);
   // The unsubscribe links are signed with the database's own key.
   std::string key;
   if (!o.unsubscribe_url.empty()) {
@@ -449,6 +449,7 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
         mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject, list);
     a.kind = d.outcome.kind;
     a.reason = d.outcome.reason;
+    a.transport = d.transport_failed;
     // Before anything got through, a transport failure is the server's, not
     // this message's: stop rather than fail every message the same way.
     a.unreachable = d.transport_failed && !*delivered_any;
@@ -471,8 +472,9 @@ delivery::LedgerState LedgerStateOf(smtp::OutcomeKind kind) {
   return delivery::LedgerState::kFailed;
 }
 
-// Messages are claimed, sent and recorded in groups of this many: a sender
-// killed mid-group leaves at most this many messages in doubt.
+// Messages are claimed, sent and recorded in groups of this many per
+// connection: a sender killed mid-group leaves at most this many messages
+// per connection in doubt.
 constexpr size_t kGroupSize = 32;
 
 // The campaign date a queued message was made for, "yyyy-mm-dd", or "" when
@@ -483,143 +485,256 @@ std::string RunDateOf(const QueuedMessage& m) {
   return FormatDate(d, "yyyy-mm-dd");
 }
 
+delivery::MessageKey KeyOf(const QueuedMessage& m) {
+  return {m.campaign_id, m.item_id, m.account, m.email, RunDateOf(m)};
+}
+
+// A message deferred in this run, waiting for its next attempt.
+struct Retry {
+  size_t index;  // In the queue.
+  int attempts;  // Made so far in this run.
+  std::chrono::steady_clock::time_point due;
+};
+
 // Sends the queue: each group of messages is claimed in the delivery ledger
 // before it is sent, and its outcomes are written, with the sent-item log of
 // the accepted ones, in one transaction after it. So two senders on one
 // database never send the same message, and a crash leaves at most one group
-// in doubt.
-Tally SendQueue(const Store& store, const std::vector<QueuedMessage>& messages,
-                const SendOptions& o, const SmtpSettings& settings, const DeliverFunction& deliver,
-                Progress& progress, StageClock& clock) {
-  auto connection = store.database();
-  delivery::CreateLedgerSchema(*connection);
-  delivery::Ledger ledger(connection, delivery::Ledger::ThisWorker());
-  Tally t;
-  t.abandoned = ledger.MarkAbandonedClaims();
-  const DisabledSet disabled(store);
-  const SuppressionSet suppressions(store);
-  long done = 0;
-  for (size_t start = 0; start < messages.size(); start += kGroupSize) {
-    size_t end = std::min(messages.size(), start + kGroupSize);
-    clock.Enter(Stage::kLookup);
-    std::vector<const QueuedMessage*> group;
-    std::vector<delivery::MessageKey> keys;
-    for (size_t i = start; i < end; ++i) {
-      const QueuedMessage& m = messages[i];
-      if (AlreadySent(store, m)) {
-        ++t.skipped;
-        progress.Update(++done, static_cast<long>(messages.size()), m.email);
-        continue;
+// in doubt. The group goes out on all the pool's connections at once. A
+// message deferred (4xx) or cut off by a failing connection is tried again
+// after RetryDelay, within --retry-for of the start; a refusal (5xx) is final.
+class QueueSender {
+ public:
+  QueueSender(const Store& store, const std::vector<QueuedMessage>& messages, const SendOptions& o,
+              const SmtpSettings& settings, ConnectionPool& pool, Progress& progress,
+              StageClock& clock)
+      : store_(store),
+        messages_(messages),
+        o_(o),
+        settings_(settings),
+        pool_(pool),
+        progress_(progress),
+        clock_(clock),
+        connection_(store.database()),
+        disabled_(store),
+        suppressions_(store) {
+    delivery::CreateLedgerSchema(*connection_);
+    ledger_ = std::make_unique<delivery::Ledger>(connection_, delivery::Ledger::ThisWorker());
+    deadline_ = std::chrono::steady_clock::now() +
+                std::chrono::seconds(ParseDuration(o.retry_for, "--retry-for"));
+  }
+
+  Tally Send() {
+    t_.abandoned = ledger_->MarkAbandonedClaims();
+    std::vector<size_t> first;
+    for (size_t i = 0; i < messages_.size(); ++i) first.push_back(i);
+    SendAll(first, {});
+    while (!retries_.empty()) {
+      auto due =
+          std::min_element(retries_.begin(), retries_.end(), [](const Retry& a, const Retry& b) {
+            return a.due < b.due;
+          })->due;
+      std::this_thread::sleep_until(due);
+      std::vector<size_t> now;
+      std::map<size_t, int> attempts;
+      std::vector<Retry> later;
+      for (const Retry& r : retries_) {
+        if (r.due <= std::chrono::steady_clock::now()) {
+          now.push_back(r.index);
+          attempts[r.index] = r.attempts;
+        } else {
+          later.push_back(r);
+        }
       }
-      if (disabled.Reason(m)) {
-        ++t.disabled;
-        progress.Update(++done, static_cast<long>(messages.size()), m.email);
-        continue;
-      }
-      group.push_back(&m);
-      keys.push_back({m.campaign_id, m.item_id, m.account, m.email, RunDateOf(m)});
+      retries_ = std::move(later);
+      SendAll(now, attempts);
     }
-    std::vector<delivery::ClaimResult> claims = ledger.Claim(keys, o.resend_in_doubt);
-    struct Done {
-      size_t index;
-      Attempt attempt;
-    };
-    std::vector<Done> outcomes;
-    bool stop = false;
-    std::string stop_reason;
-    for (size_t i = 0; i < group.size(); ++i) {
-      const QueuedMessage& m = *group[i];
-      progress.Update(++done, static_cast<long>(messages.size()), m.email);
-      switch (claims[i]) {
+    return t_;
+  }
+
+ private:
+  // Sends the messages at `indexes`, in groups; `attempts` holds the tries
+  // made so far in this run of those deferred before.
+  void SendAll(const std::vector<size_t>& indexes, const std::map<size_t, int>& attempts) {
+    const size_t group_size = kGroupSize * pool_.size();
+    for (size_t start = 0; start < indexes.size(); start += group_size) {
+      std::vector<size_t> group;
+      for (size_t i = start; i < std::min(indexes.size(), start + group_size); ++i) {
+        const QueuedMessage& m = messages_[indexes[i]];
+        bool retry = attempts.count(indexes[i]) > 0;
+        clock_.Enter(Stage::kLookup);
+        if (!retry && AlreadySent(store_, m)) {
+          ++t_.skipped;
+          Progressed(m);
+          continue;
+        }
+        if (!retry && disabled_.Reason(m)) {
+          ++t_.disabled;
+          Progressed(m);
+          continue;
+        }
+        group.push_back(indexes[i]);
+      }
+      SendGroup(group, attempts);
+    }
+  }
+
+  void Progressed(const QueuedMessage& m) {
+    progress_.Update(++done_, static_cast<long>(messages_.size()), m.email);
+  }
+
+  void SendGroup(const std::vector<size_t>& group, const std::map<size_t, int>& attempts) {
+    std::vector<delivery::MessageKey> keys;
+    for (size_t i : group) keys.push_back(KeyOf(messages_[i]));
+    clock_.Enter(Stage::kLookup);
+    std::vector<delivery::ClaimResult> claims = ledger_->Claim(keys, o_.resend_in_doubt);
+    std::vector<SendJob> jobs(group.size());
+    std::vector<bool> claimed(group.size(), false);
+    std::vector<SendJob*> to_send;
+    for (size_t g = 0; g < group.size(); ++g) {
+      const QueuedMessage& m = messages_[group[g]];
+      const bool retry = attempts.count(group[g]) > 0;
+      SendJob& job = jobs[g];
+      job.message = &m;
+      switch (claims[g]) {
         case delivery::ClaimResult::kAccepted:
-          ++t.skipped;
+          if (!retry) ++t_.skipped;
+          if (!retry) Progressed(m);
           continue;
         case delivery::ClaimResult::kBusy:
-          ++t.busy;
+          ++t_.busy;
+          if (!retry) Progressed(m);
           continue;
         case delivery::ClaimResult::kInDoubt:
-          ++t.in_doubt;
+          ++t_.in_doubt;
           std::fprintf(stderr, "quillo: %s in doubt: claimed by a sender that stopped\n",
                        m.email.c_str());
+          if (!retry) Progressed(m);
+          continue;
+        case delivery::ClaimResult::kRefused:
+          ++t_.refused_before;
+          if (!retry) Progressed(m);
           continue;
         case delivery::ClaimResult::kClaimed:
           break;
       }
-      Attempt a;
-      if (auto why = suppressions.Reason(m.email)) {
-        a.suppressed = true;
-        a.reason = "suppressed: " + *why;
-        outcomes.push_back({i, a});
+      claimed[g] = true;
+      if (auto why = suppressions_.Reason(m.email)) {
+        job.attempt.suppressed = true;
+        job.attempt.reason = "suppressed: " + *why;
         continue;
       }
-      if (stop) {
-        a.reason = "not attempted: " + stop_reason;
-        outcomes.push_back({i, a});
+      if (stop_) {
+        job.attempt.reason = "not attempted: " + stop_reason_;
         continue;
       }
-      clock.Enter(Stage::kLookup);
-      Dispatch client;
       try {
-        client = store.LoadRecord("dmclients", m.account);
+        job.client = store_.LoadRecord("dmclients", m.account);
       } catch (const CommandError& e) {
-        a.reason = e.what();
-        outcomes.push_back({i, a});
+        job.attempt.reason = e.what();
         continue;
       }
-      std::string subject = SubjectFor(store, m);
-      clock.Enter(Stage::kDeliver);
-      a = deliver(m, client, subject);
-      if (a.unreachable) {
-        stop = true;
-        stop_reason = a.reason;
-      }
-      outcomes.push_back({i, a});
+      job.subject = SubjectFor(store_, m);
+      to_send.push_back(&job);
     }
-    clock.Enter(Stage::kLog);
-    ledger.Begin();
+    clock_.Enter(Stage::kDeliver);
+    pool_.Deliver(to_send);
+    clock_.Enter(Stage::kLog);
+    bool stop_now = false;
+    ledger_->Begin();
     try {
-      for (const Done& d : outcomes) {
-        const QueuedMessage& m = *group[d.index];
-        const Attempt& a = d.attempt;
-        if (a.suppressed) {
-          ledger.Record(keys[d.index], delivery::LedgerState::kSuppressed, a.reason);
-          ++t.suppressed;
-          continue;
-        }
-        ledger.Record(keys[d.index], LedgerStateOf(a.kind), a.reason);
-        if (a.unreachable || a.reason.rfind("not attempted: ", 0) == 0) continue;
-        switch (a.kind) {
-          case smtp::OutcomeKind::kAccepted:
-            LogSent(store, m);
-            ++t.sent;
-            break;
-          case smtp::OutcomeKind::kDeferred:
-            ++t.deferred;
-            std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(), a.reason.c_str());
-            break;
-          case smtp::OutcomeKind::kRefused:
-            ++t.refused;
-            std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), a.reason.c_str());
-            break;
-          case smtp::OutcomeKind::kFailed:
-            ++t.failed;
-            std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), a.reason.c_str());
-            break;
-        }
-        spdlog::debug("{}: {} {}", m.email, smtp::OutcomeName(a.kind), a.reason);
+      for (size_t g = 0; g < group.size(); ++g) {
+        if (!claimed[g]) continue;
+        Record(group[g], keys[g], jobs[g].attempt, attempts, &stop_now);
       }
-      ledger.Commit();
+      ledger_->Commit();
     } catch (...) {
-      ledger.Rollback();
+      ledger_->Rollback();
       throw;
     }
-    if (stop) {
-      progress.Finish();
-      Unreachable(settings, stop_reason);
+    if (stop_now) {
+      progress_.Finish();
+      Unreachable(settings_, stop_reason_);
     }
   }
-  return t;
-}
+
+  // Writes one claimed message's outcome (inside the group's transaction).
+  void Record(size_t index, const delivery::MessageKey& key, const Attempt& a,
+              const std::map<size_t, int>& attempts, bool* stop_now) {
+    const QueuedMessage& m = messages_[index];
+    const bool retry = attempts.count(index) > 0;
+    if (!retry) Progressed(m);
+    if (a.suppressed) {
+      ledger_->Record(key, delivery::LedgerState::kSuppressed, a.reason);
+      ++t_.suppressed;
+      return;
+    }
+    if (a.unreachable) {
+      // Nothing got through yet: the server is down, not this message.
+      stop_ = *stop_now = true;
+      if (stop_reason_.empty()) stop_reason_ = a.reason;
+    }
+    if (a.unreachable || a.reason.rfind("not attempted: ", 0) == 0) {
+      ledger_->Record(key, delivery::LedgerState::kFailed, a.reason);
+      return;
+    }
+    const bool again = a.kind == smtp::OutcomeKind::kDeferred ||
+                       (a.kind == smtp::OutcomeKind::kFailed && a.transport);
+    if (again) {
+      const int made = (retry ? attempts.at(index) : 0) + 1;
+      const auto delay = RetryDelay(made);
+      const auto due = std::chrono::steady_clock::now() + delay;
+      if (due <= deadline_) {
+        const long seconds = static_cast<long>((delay.count() + 999) / 1000);
+        ledger_->Record(key, delivery::LedgerState::kDeferred, a.reason,
+                        delivery::LedgerTime(seconds));
+        retries_.push_back(
+            {index, made, std::chrono::steady_clock::now() + std::chrono::seconds(seconds)});
+        spdlog::debug("{}: {} {}; again in {} s", m.email, smtp::OutcomeName(a.kind), a.reason,
+                      seconds);
+        return;
+      }
+    }
+    ledger_->Record(key, LedgerStateOf(a.kind), a.reason);
+    switch (a.kind) {
+      case smtp::OutcomeKind::kAccepted:
+        LogSent(store_, m);
+        ++t_.sent;
+        break;
+      case smtp::OutcomeKind::kDeferred:
+        ++t_.deferred;
+        std::fprintf(stderr, "quillo: %s deferred: %s\n", m.email.c_str(), a.reason.c_str());
+        break;
+      case smtp::OutcomeKind::kRefused:
+        ++t_.refused;
+        std::fprintf(stderr, "quillo: %s refused: %s\n", m.email.c_str(), a.reason.c_str());
+        break;
+      case smtp::OutcomeKind::kFailed:
+        ++t_.failed;
+        std::fprintf(stderr, "quillo: %s failed: %s\n", m.email.c_str(), a.reason.c_str());
+        break;
+    }
+    spdlog::debug("{}: {} {}", m.email, smtp::OutcomeName(a.kind), a.reason);
+  }
+
+  const Store& store_;
+  const std::vector<QueuedMessage>& messages_;
+  const SendOptions& o_;
+  const SmtpSettings& settings_;
+  ConnectionPool& pool_;
+  Progress& progress_;
+  StageClock& clock_;
+  std::shared_ptr<Connection> connection_;
+  std::unique_ptr<delivery::Ledger> ledger_;
+  const DisabledSet disabled_;
+  const SuppressionSet suppressions_;
+  std::chrono::steady_clock::time_point deadline_;
+  std::vector<Retry> retries_;
+  Tally t_;
+  long done_ = 0;
+  bool stop_ = false;
+  std::string stop_reason_;
+};
 
 // The mailbox a preview or a send without an account comes from.
 SmtpSettings SenderOrDefault(const Store& store, const SendOptions& o) {
@@ -640,8 +755,70 @@ SmtpSettings SenderOrDefault(const Store& store, const SendOptions& o) {
 
 }  // namespace
 
+namespace {
+
+// The checks of the sending options, made before anything is run or sent.
+void CheckSendOptions(const SendOptions& o) {
+  if (o.connections < 1 || o.connections > 64) {
+    throw CommandError("--connections wants 1 to 64, not " + std::to_string(o.connections));
+  }
+  if (o.per_connection < 0) throw CommandError("--per-connection wants 0 (no cap) or more");
+  ParseRate(o.rate, "--rate");
+  ParseRate(o.domain_rate, "--domain-rate");
+  ParseDuration(o.retry_for, "--retry-for");
+}
+
+// Sends the queue in `queue_file` on --connections connections.
+SendTally SendFile(const Store& store, const std::string& queue_file, const SendOptions& o) {
+  SmtpSettings settings;
+  if (o.smtp.empty()) {
+    settings = AccountSettings(store, o.account);
+    if (!o.from.empty()) settings.sender = o.from;
+    if (!o.from_name.empty()) settings.friendly = o.from_name;
+  } else {
+    settings = ParseSmtpUrl(o.smtp);
+    SmtpSettings sender = SenderOrDefault(store, o);
+    settings.sender = sender.sender;
+    settings.friendly = sender.friendly;
+  }
+  settings.ca_file = o.ca_file;
+  settings.timeout = o.timeout;
+
+  std::vector<QueuedMessage> messages = ReadQueue(queue_file);
+  Progress progress(!o.quiet && isatty(STDOUT_FILENO));
+  StageClock clock;
+  // The documented classes share the store's connection: one at a time.
+  const int connections = o.compat ? 1 : o.connections;
+  std::vector<std::shared_ptr<delivery::Mailer>> mailers(connections);
+  std::vector<DeliverFunction> deliverers;
+  auto lookup_lock = std::make_shared<std::mutex>();
+  auto delivered_any = std::make_shared<std::atomic<bool>>(false);
+  for (int i = 0; i < connections; ++i) {
+    deliverers.push_back(
+        o.compat ? CompatDeliverer(store, settings, o)
+                 : ModernDeliverer(store, settings, o, mailers[i], lookup_lock, delivered_any));
+  }
+  SendTally sent;
+  {
+    ConnectionPool pool(std::move(deliverers), ParseRate(o.rate, "--rate"),
+                        ParseRate(o.domain_rate, "--domain-rate"));
+    QueueSender sender(store, messages, o, settings, pool, progress, clock);
+    sent = sender.Send();
+  }
+  for (auto& mailer : mailers)
+    if (mailer) mailer->Close();
+  clock.Stop();
+  progress.Finish();
+  if (o.timings) clock.Print();
+  sent.queued = messages.size();
+  return sent;
+}
+
+}  // namespace
+
 SendTally RunAndSend(const GlobalOptions& g, const SendOptions& o) {
   Store store(g.db);
+  CheckSendOptions(o);
   SendTally t;
   if (o.compat && !o.dkim_key.empty()) {
     throw CommandError("--dkim-key signs on our own delivery path only, not with --compat");
@@ -672,41 +849,19 @@ SendTally RunAndSend(const GlobalOptions& g, const SendOptions& o) {
     throw CommandError("send needs --queue FILE or --campaign NAME");
   }
   if (!FileExists(queue_file)) throw CommandError("no queue file '" + queue_file + "'");
-
-  SmtpSettings settings;
-  if (o.smtp.empty()) {
-    settings = AccountSettings(store, o.account);
-    if (!o.from.empty()) settings.sender = o.from;
-    if (!o.from_name.empty()) settings.friendly = o.from_name;
-  } else {
-    settings = ParseSmtpUrl(o.smtp);
-    SmtpSettings sender = SenderOrDefault(store, o);
-    settings.sender = sender.sender;
-    settings.friendly = sender.friendly;
-  }
-  settings.ca_file = o.ca_file;
-  settings.timeout = o.timeout;
-
-  std::vector<QueuedMessage> messages = ReadQueue(queue_file);
-  Progress progress(!o.quiet && isatty(STDOUT_FILENO));
-  StageClock clock;
-  std::shared_ptr<delivery::Mailer> mailer;
-  DeliverFunction deliver =
-      o.compat ? CompatDeliverer(store, settings, o) : ModernDeliverer(store, settings, o, mailer);
-  SendTally sent = SendQueue(store, messages, o, settings, deliver, progress, clock);
-  if (mailer) mailer->Close();
-  clock.Stop();
-  progress.Finish();
-  if (o.timings) clock.Print();
+  if (o.on_queued) o.on_queued(queue_file);
+  SendTally sent = SendFile(store, queue_file, o);
   sent.run_id = t.run_id;
   sent.clients = t.clients;
   sent.made = t.made;
-  sent.queued = messages.size();
   return sent;
 }
 
 void CmdSend(const GlobalOptions& g, const SendOptions& o) {
-  SendTally t = RunAndSend(g, o);
+  if (o.worker && (!o.queue.empty() || !o.campaign.empty())) {
+    throw CommandError("--worker sends the queues tick keeps: not with --queue or --campaign");
+  }
+  SendTally t = o.worker ? SendKeptQueues(g, o) : RunAndSend(g, o);
   if (t.campaign_disabled) {
     std::printf("campaign %s is disabled: nothing run or sent\n", o.campaign.c_str());
     return;
@@ -722,6 +877,9 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   }
   if (t.suppressed > 0) {
     std::printf("suppressed %d messages to addresses on the suppression list\n", t.suppressed);
+  }
+  if (t.refused_before > 0) {
+    std::printf("refused before %d (a refusal is final: not sent again)\n", t.refused_before);
   }
   if (t.in_doubt > 0 || t.busy > 0 || t.abandoned > 0) {
     std::printf(

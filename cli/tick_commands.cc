@@ -13,6 +13,7 @@
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -20,6 +21,7 @@
 #include <filesystem>
 #include <functional>
 #include <set>
+#include <thread>
 #include <vector>
 
 #include "campaign/constants.h"
@@ -110,13 +112,25 @@ bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& sen
   SendOptions o = send;
   o.queue = queue.path();
   o.quiet = true;
+  auto connection = store.database();
+  const std::string key =
+      "CampaignRecID = '" + SqlQuote(id) + "' AND RunDate = '" + DayText(day) + "'";
+  auto keep = [&](const std::string& bytes) {
+    connection->Execute("DELETE FROM quillo_tick_queues WHERE " + key);
+    connection->Execute("INSERT INTO quillo_tick_queues (CampaignRecID, RunDate, Queue) VALUES ('" +
+                        SqlQuote(id) + "', '" + DayText(day) + "', '" + SqlQuote(bytes) + "')");
+  };
   if (kept.empty()) {
     o.campaign = id;
     o.date = DayText(day);
+    // Kept before anything is sent: `send --worker` on other machines can
+    // share it, and a tick that dies midway leaves it for the next one.
+    o.on_queued = [&](const std::string& file) { keep(ReadFileBytes(file)); };
   } else {
     WriteFileBytes(queue.path(), kept);
   }
   bool delivered = false;
+  bool held = false;  // Some messages were being sent by other senders (send --worker).
   try {
     SendTally r = RunAndSend(g, o);
     if (!kept.empty()) r.made = static_cast<int>(r.queued);
@@ -126,9 +140,16 @@ bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& sen
         " deferred=" + std::to_string(r.deferred) + " in_doubt=" + std::to_string(r.in_doubt) +
         " skipped=" + std::to_string(r.disabled + r.skipped) +
         " suppressed=" + std::to_string(r.suppressed);
-    delivered = r.AllDelivered() && r.busy == 0;
+    delivered = r.AllDelivered();
+    held = r.busy > 0;
     event.tally = r;
-    if (delivered) {
+    if (delivered && held) {
+      // The rest is in the hands of live senders; the queue stays until a
+      // later tick or worker finds it all done.
+      event.status = "done";
+      event.detail = "done: all delivered or held by other senders " + counts +
+                     " held=" + std::to_string(r.busy);
+    } else if (delivered) {
       event.status = "done";
       event.detail = "done: all delivered " + counts;
     } else {
@@ -148,15 +169,9 @@ bool SendDate(const GlobalOptions& g, const Store& store, const SendOptions& sen
                    "; kept for the next tick";
   }
   emit(std::move(event));
-  auto connection = store.database();
-  const std::string key =
-      "CampaignRecID = '" + SqlQuote(id) + "' AND RunDate = '" + DayText(day) + "'";
   connection->Execute("DELETE FROM quillo_tick_queues WHERE " + key);
   std::string bytes = FileExists(queue.path()) ? ReadFileBytes(queue.path()) : std::string();
-  if (!delivered && !bytes.empty()) {
-    connection->Execute("INSERT INTO quillo_tick_queues (CampaignRecID, RunDate, Queue) VALUES ('" +
-                        SqlQuote(id) + "', '" + DayText(day) + "', '" + SqlQuote(bytes) + "')");
-  }
+  if ((!delivered || held) && !bytes.empty()) keep(bytes);
   return delivered;
 }
 
@@ -353,6 +368,63 @@ TickResult Tick(const GlobalOptions& g, const TickOptions& t, const SendOptions&
     }
   }
   return result;
+}
+
+SendTally SendKeptQueues(const GlobalOptions& g, const SendOptions& send) {
+  Store store(g.db);
+  CreateTickClaimTable(store);
+  SendOptions o = send;
+  o.worker = false;
+  o.campaign.clear();
+  SendTally total;
+  const auto start = std::chrono::steady_clock::now();
+  bool found_any = false;
+  for (;;) {
+    struct Kept {
+      std::string id, day, queue;
+    };
+    std::vector<Kept> kept;
+    store.Query("SELECT CampaignRecID, RunDate, Queue FROM quillo_tick_queues ORDER BY RunDate;",
+                [&](const Row& r) {
+                  kept.push_back({r.Text("CampaignRecID"), r.Text("RunDate"), r.Text("Queue")});
+                });
+    if (kept.empty()) {
+      if (!found_any &&
+          std::chrono::steady_clock::now() - start < std::chrono::seconds(send.wait)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        continue;
+      }
+      break;
+    }
+    found_any = true;
+    long handled = 0;  // Messages this worker claimed in this pass.
+    for (const Kept& k : kept) {
+      ScratchQueue queue;
+      WriteFileBytes(queue.path(), k.queue);
+      o.queue = queue.path();
+      SendTally t = RunAndSend(g, o);
+      handled += t.sent + t.refused + t.failed + t.deferred + t.suppressed;
+      total.queued += t.queued;
+      total.sent += t.sent;
+      total.refused += t.refused;
+      total.failed += t.failed;
+      total.deferred += t.deferred;
+      total.suppressed += t.suppressed;
+      total.disabled += t.disabled;
+      total.abandoned += t.abandoned;
+      total.refused_before += t.refused_before;
+      total.in_doubt = std::max(total.in_doubt, t.in_doubt);
+      if (t.AllDelivered() && t.busy == 0) {
+        // Nothing of it is left for anyone.
+        store.database()->Execute("DELETE FROM quillo_tick_queues WHERE CampaignRecID = '" +
+                                  SqlQuote(k.id) + "' AND RunDate = '" + SqlQuote(k.day) + "'");
+      }
+    }
+    // A pass that found nothing to claim: the rest is done, final, in doubt
+    // or held by other senders.
+    if (handled == 0) break;
+  }
+  return total;
 }
 
 void CmdTick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send) {

@@ -177,7 +177,7 @@ std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool re
   if (keys.empty()) return results;
   const std::string now = Quote(LedgerTime());
   const std::string worker = Quote(worker_);
-  std::string retryable = "State IN ('deferred', 'refused', 'failed', 'suppressed'";
+  std::string retryable = "State IN ('deferred', 'failed', 'suppressed'";
   if (resend_in_doubt) retryable += ", 'in-doubt'";
   retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + now + ")";
   Begin();
@@ -210,6 +210,7 @@ std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool re
       rs.Close();
       if (state == "accepted") results[i] = ClaimResult::kAccepted;
       if (state == "in-doubt") results[i] = ClaimResult::kInDoubt;
+      if (state == "refused") results[i] = ClaimResult::kRefused;
     }
     Commit();
   } catch (...) {

@@ -73,6 +73,7 @@ enum class ClaimResult {
   kAccepted,  // Already accepted by a server.
   kBusy,      // Another worker holds it.
   kInDoubt,   // Claimed by a sender that stopped; not sent again unless asked.
+  kRefused,   // Refused by a server (5xx): final, never sent again.
 };
 
 // One ledger row, for reports.
@@ -119,8 +120,8 @@ class Ledger {
   long MarkAbandonedClaims(long lease_seconds = 3600);
 
   // Claims the messages of `keys` that are free, in one transaction: new
-  // ones, and ones whose last attempt was deferred, refused or failed (and
-  // whose next attempt time has come). In-doubt ones too when
+  // ones, and ones whose last attempt was deferred or failed, or that were
+  // suppressed (and whose next attempt time has come). A refusal is final. In-doubt ones too when
   // `resend_in_doubt`. Returns one result per key, in order. Throws
   // RuntimeError when the database refuses (locked, read-only): then nothing
   // is claimed.

@@ -140,6 +140,9 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
   envelope.body_8bitmime = composed.needs_8bitmime;
   envelope.smtputf8 = composed.needs_smtputf8;
   delivery.outcome = channel.session->Send(envelope, composed.data);
+  // Content the server will not take is refused; a failure here is the
+  // connection's (lost, timed out, a malformed reply), worth another try.
+  delivery.transport_failed = delivery.outcome.kind == smtp::OutcomeKind::kFailed;
   return delivery;
 }
 

@@ -57,10 +57,12 @@ using AccountLookup = std::function<std::optional<Account>(const std::string& em
 
 // How one message ended.
 struct Delivery {
-  smtp::Outcome outcome;          // Accepted, deferred, refused or failed, with the reply.
-  std::string message_id;         // The Message-ID given, empty when nothing was composed.
-  std::string recipient;          // The address the message was for.
-  bool transport_failed = false;  // The server could not be reached or refused the session.
+  smtp::Outcome outcome;   // Accepted, deferred, refused or failed, with the reply.
+  std::string message_id;  // The Message-ID given, empty when nothing was composed.
+  std::string recipient;   // The address the message was for.
+  // The server could not be reached, refused the session, or the connection
+  // failed during the message: a failure of the transport, not the message.
+  bool transport_failed = false;
 };
 
 // What makes a campaign message a list message (RFC 2369, RFC 8058): its

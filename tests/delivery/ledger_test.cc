@@ -103,7 +103,7 @@ TEST_P(LedgerTest, ASuppressedMessageIsClaimedAgainAtTheNextSend) {
   EXPECT_EQ(other.Claim(keys, false), std::vector<ClaimResult>{ClaimResult::kClaimed});
 }
 
-TEST_P(LedgerTest, DeferredRefusedAndFailedMessagesAreClaimedAgainWhenDue) {
+TEST_P(LedgerTest, DeferredAndFailedMessagesAreClaimedAgainWhenDueAndARefusalIsFinal) {
   Ledger ledger(connection_, "host-a:1");
   auto keys = Keys(3);
   ledger.Claim(keys, false);
@@ -115,10 +115,12 @@ TEST_P(LedgerTest, DeferredRefusedAndFailedMessagesAreClaimedAgainWhenDue) {
   Ledger other(db_->Open(), "host-b:2");
   EXPECT_EQ(
       other.Claim(keys, false),
-      (std::vector<ClaimResult>{ClaimResult::kBusy, ClaimResult::kClaimed, ClaimResult::kClaimed}));
-  auto refused = other.Rows(LedgerState::kClaimed);
-  ASSERT_EQ(refused.size(), 2u);
-  EXPECT_EQ(refused[0].attempts + refused[1].attempts, 2);
+      (std::vector<ClaimResult>{ClaimResult::kBusy, ClaimResult::kRefused, ClaimResult::kClaimed}));
+  auto claimed = other.Rows(LedgerState::kClaimed);
+  ASSERT_EQ(claimed.size(), 1u);
+  EXPECT_EQ(claimed[0].key.client, keys[2].client);
+  EXPECT_EQ(claimed[0].attempts, 1);
+  EXPECT_EQ(other.Rows(LedgerState::kRefused).size(), 1u);
 }
 
 TEST_P(LedgerTest, ClaimsOfAStoppedWorkerBecomeInDoubtAndStayUnsent) {
