@@ -355,6 +355,7 @@ DeliverFunction CompatDeliverer(const Store& store, SmtpSettings settings, const
     a.kind = outcome == Outcome::kAccepted  ? smtp::OutcomeKind::kAccepted
              : outcome == Outcome::kRefused ? smtp::OutcomeKind::kRefused
                                             : smtp::OutcomeKind::kFailed;
+    a.server_refused = outcome == Outcome::kRefused && a.reason.rfind('5', 0) == 0;
     return a;
   };
 }
@@ -449,6 +450,7 @@ DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings
         mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject, list);
     a.kind = d.outcome.kind;
     a.reason = d.outcome.reason;
+    a.server_refused = d.outcome.kind == smtp::OutcomeKind::kRefused && d.outcome.code >= 500;
     a.transport = d.transport_failed;
     // Before anything got through, a transport failure is the server's, not
     // this message's: stop rather than fail every message the same way.
@@ -695,7 +697,13 @@ class QueueSender {
         return;
       }
     }
-    ledger_->Record(key, LedgerStateOf(a.kind), a.reason);
+    // Only the server's own refusal is final; ours (bad data) is tried again
+    // by the next send, once the data is fixed.
+    ledger_->Record(key,
+                    a.kind == smtp::OutcomeKind::kRefused && !a.server_refused
+                        ? delivery::LedgerState::kFailed
+                        : LedgerStateOf(a.kind),
+                    a.reason);
     switch (a.kind) {
       case smtp::OutcomeKind::kAccepted:
         LogSent(store_, m);

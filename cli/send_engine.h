@@ -33,6 +33,9 @@ struct Attempt {
   bool unreachable = false;  // The server itself could not be used (nothing got through yet).
   bool suppressed = false;   // Not sent: the address is on the suppression list.
   bool transport = false;    // The connection failed: worth another try, like a 4xx.
+  // Refused by the server itself (5xx): final. A refusal of ours before
+  // sending ("not sent: ...", bad data) is not: fixed data goes out later.
+  bool server_refused = false;
 };
 
 // Delivers one queued message to its client with a subject.

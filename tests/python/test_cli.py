@@ -5,6 +5,7 @@ Maildir, read back with Python's own MIME parser."""
 import email
 import email.policy
 import mailbox
+import sqlite3
 import os
 import subprocess
 import sys
@@ -217,16 +218,23 @@ def test_sending_a_queue_twice_does_not_repeat_accepted_messages(cli, tmp_path, 
                                                                  "alan@example.test": 1}
 
 
-def test_a_refused_recipient_is_not_logged_and_is_tried_again(cli, tmp_path, smtp_server):
+def test_a_refused_recipient_is_not_logged_and_never_sent_again(cli, tmp_path, smtp_server):
     server = smtp_server("--refuse", "alan@example.test")
     welcome_campaign(cli)
     queue = queue_for_day0(cli, tmp_path)
     url = "smtp://127.0.0.1:%d" % server.port
     first = cli.run("send", "--queue", str(queue), "--smtp", url, "-q", check=False)
     assert "sent 1, refused 1" in first.stdout
+    assert first.returncode == 3
     again = cli.run("send", "--queue", str(queue), "--smtp", url, "-q", check=False)
-    assert "sent 0, refused 1" in again.stdout and "already sent 1" in again.stdout
+    # A refusal (5xx) is final: the rerun reports it and tries nothing.
+    assert "sent 0, refused 0" in again.stdout and "already sent 1" in again.stdout
+    assert "refused before 1 (a refusal is final: not sent again)" in again.stdout
     assert sorted(server.messages()) == ["ada@example.test"]
+    db = sqlite3.connect(str(cli.folder / "quillo.db"))
+    assert db.execute("SELECT State, Attempts FROM quillo_deliveries WHERE Email = "
+                      "'alan@example.test'").fetchall() == [("refused", 1)]
+    db.close()
 
 
 def test_auth_login_takes_the_password_from_the_environment(cli, tmp_path, smtp_server):
