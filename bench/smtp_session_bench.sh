@@ -23,13 +23,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
-(cd "$WORK" && apt-get download postfix >/dev/null 2>&1) || { echo "cannot download postfix" >&2; exit 1; }
-dpkg-deb -x "$WORK"/postfix_*.deb "$WORK/postfix"
-export LD_LIBRARY_PATH="$WORK/postfix/usr/lib/postfix"
-PORT=$(/usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
-"$WORK/postfix/usr/sbin/smtp-sink" -u nobody "127.0.0.1:$PORT" 1000 &
-SINK=$!
-sleep 0.5
+# shellcheck source=bench/support/postfix_sink.sh
+source "$(dirname "${BASH_SOURCE[0]}")/support/postfix_sink.sh"
+start_postfix_sink
 
 # Prints "<messages/s> <cpu ms per message>" of one smtp-source run.
 source_run() {

@@ -340,6 +340,20 @@ struct QueuedMessage {
 
 // Every message of the queue file at `file`, in order.
 std::vector<QueuedMessage> ReadQueue(const std::string& file);
+// Reads a queue file one message at a time, after checking every record.
+class QueueReader {
+ public:
+  explicit QueueReader(const std::string& file);  // Throws CommandError.
+  ~QueueReader();
+  QueueReader(const QueueReader&) = delete;
+  QueueReader& operator=(const QueueReader&) = delete;
+  long count() const { return count_; }  // Messages in the file.
+  bool Next(QueuedMessage* message);     // False at the end.
+
+ private:
+  long count_;
+  Dispatch queue_;
+};
 
 }  // namespace quillo::cli
 

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <regex>
+#include <fstream>
 
 #include "campaign/constants.h"
 #include "commands.h"
@@ -36,27 +36,40 @@ bool HistoryStored(const Store& store, const std::string& id) {
 // throws CommandError naming the first record that is not: the queue format
 // cannot carry a double quote or a line break inside a field, and a record
 // cut short by a full disk or a crash must not pass for a shorter queue.
-void CheckQueueFile(const std::string& file, long expected) {
-  std::string bytes;
-  try {
-    bytes = ReadFileBytes(file);
-  } catch (const RuntimeError& e) {
-    throw CommandError("cannot read queue file '" + file + "': " + e.description);
+// Whether `line` is one queue record: nine fields in double quotes,
+// separated by commas, none holding a quote or a line break.
+bool IsQueueRecord(std::string_view line) {
+  size_t at = 0;
+  for (int field = 0; field < 9; ++field) {
+    if (field > 0) {
+      if (at >= line.size() || line[at] != ',') return false;
+      ++at;
+    }
+    if (at >= line.size() || line[at] != '"') return false;
+    size_t close = line.find_first_of("\"\r\n", at + 1);
+    if (close == std::string_view::npos || line[close] != '"') return false;
+    at = close + 1;
   }
-  static const std::regex kRecord(R"re("[^"\r\n]*"(,"[^"\r\n]*"){8})re");
+  return at == line.size();
+}
+
+// Checks the file record by record (never holding more than one) and
+// returns how many it holds.
+long CheckQueueFile(const std::string& file, long expected) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) throw CommandError("cannot read queue file '" + file + "'");
   long records = 0;
-  size_t start = 0;
-  while (start < bytes.size()) {
-    size_t end = bytes.find("\r\n", start);
-    std::string line =
-        bytes.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    if (end == std::string::npos || !std::regex_match(line, kRecord)) {
+  std::string line;
+  while (std::getline(in, line)) {
+    // A record ends in CR LF; a last line without its LF was cut short.
+    const bool complete = !in.eof() && !line.empty() && line.back() == '\r';
+    if (complete) line.pop_back();
+    if (!complete || !IsQueueRecord(line)) {
       throw CommandError("queue file '" + file + "': record " + std::to_string(records + 1) +
-                         (end == std::string::npos ? " is truncated" : " is malformed") + " (" +
+                         (in.eof() ? " is truncated" : " is malformed") + " (" +
                          std::to_string(records) + " good records before it)");
     }
     ++records;
-    start = end + 2;
   }
   if (expected >= 0 && records != expected) {
     throw CommandError("queue file '" + file + "' holds " + std::to_string(records) +
@@ -64,6 +77,7 @@ void CheckQueueFile(const std::string& file, long expected) {
                        " messages: a field holds a double quote or a line break, which the queue "
                        "cannot carry");
   }
+  return records;
 }
 
 }  // namespace
@@ -219,19 +233,27 @@ Dispatch OpenQueueForReading(const std::string& file) {
 
 }  // namespace
 
+QueueReader::QueueReader(const std::string& file)
+    : count_(CheckQueueFile(file, -1)), queue_(OpenQueueForReading(file)) {}
+
+QueueReader::~QueueReader() { queue_.Call("CloseQueue"); }
+
+bool QueueReader::Next(QueuedMessage* message) {
+  Dispatch m(queue_.Call("ReadMessage").ToObject());
+  if (!m) return false;
+  *message = QueuedMessage{m.Text("Email"),        m.Text("MessageFileName"),
+                           m.Text("Account"),      m.Text("CampaignItemRecID"),
+                           m.Text("CampaignName"), m.Text("CampaignRecID"),
+                           m.Text("HistoryRecID"), m.Text("CampaignType"),
+                           m.Text("SendDate")};
+  return true;
+}
+
 std::vector<QueuedMessage> ReadQueue(const std::string& file) {
-  CheckQueueFile(file, -1);
-  Dispatch queue = OpenQueueForReading(file);
+  QueueReader reader(file);
   std::vector<QueuedMessage> messages;
-  while (true) {
-    Dispatch m(queue.Call("ReadMessage").ToObject());
-    if (!m) break;
-    messages.push_back(QueuedMessage{m.Text("Email"), m.Text("MessageFileName"), m.Text("Account"),
-                                     m.Text("CampaignItemRecID"), m.Text("CampaignName"),
-                                     m.Text("CampaignRecID"), m.Text("HistoryRecID"),
-                                     m.Text("CampaignType"), m.Text("SendDate")});
-  }
-  queue.Call("CloseQueue");
+  QueuedMessage m;
+  while (reader.Next(&m)) messages.push_back(std::move(m));
   return messages;
 }
 

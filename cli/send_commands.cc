@@ -493,10 +493,14 @@ delivery::MessageKey KeyOf(const QueuedMessage& m) {
 
 // A message deferred in this run, waiting for its next attempt.
 struct Retry {
-  size_t index;  // In the queue.
+  size_t index;  // In the chunk being sent, or (once moved) among the waiting messages.
   int attempts;  // Made so far in this run.
   std::chrono::steady_clock::time_point due;
+  bool waiting = false;  // `index` is among the waiting messages (its chunk is gone).
 };
+
+// Messages read from the queue at a time.
+constexpr size_t kChunk = 8192;
 
 // Sends the queue: each group of messages is claimed in the delivery ledger
 // before it is sent, and its outcomes are written, with the sent-item log of
@@ -507,11 +511,11 @@ struct Retry {
 // after RetryDelay, within --retry-for of the start; a refusal (5xx) is final.
 class QueueSender {
  public:
-  QueueSender(const Store& store, const std::vector<QueuedMessage>& messages, const SendOptions& o,
-              const SmtpSettings& settings, ConnectionPool& pool, Progress& progress,
-              StageClock& clock)
+  QueueSender(const Store& store, QueueReader& reader, const SendOptions& o,
+              const SmtpSettings& settings, ConnectionPool& pool,
+              std::shared_ptr<std::mutex> lookup_lock, Progress& progress, StageClock& clock)
       : store_(store),
-        messages_(messages),
+        reader_(reader),
         o_(o),
         settings_(settings),
         pool_(pool),
@@ -519,7 +523,8 @@ class QueueSender {
         clock_(clock),
         connection_(store.database()),
         disabled_(store),
-        suppressions_(store) {
+        suppressions_(store),
+        lookup_lock_(std::move(lookup_lock)) {
     delivery::CreateLedgerSchema(*connection_);
     ledger_ = std::make_unique<delivery::Ledger>(connection_, delivery::Ledger::ThisWorker());
     deadline_ = std::chrono::steady_clock::now() +
@@ -528,9 +533,24 @@ class QueueSender {
 
   Tally Send() {
     t_.abandoned = ledger_->MarkAbandonedClaims();
-    std::vector<size_t> first;
-    for (size_t i = 0; i < messages_.size(); ++i) first.push_back(i);
-    SendAll(first, {});
+    // The queue is read a chunk at a time, so memory does not grow with it.
+    for (;;) {
+      messages_.clear();
+      QueuedMessage m;
+      while (messages_.size() < kChunk && reader_.Next(&m)) messages_.push_back(std::move(m));
+      if (messages_.empty()) break;
+      std::vector<size_t> all(messages_.size());
+      for (size_t i = 0; i < all.size(); ++i) all[i] = i;
+      SendAll(all, {});
+      // What waits for another try keeps its message; the chunk goes.
+      for (Retry& r : retries_) {
+        if (r.waiting) continue;
+        waiting_.push_back(messages_[r.index]);
+        r.index = waiting_.size() - 1;
+        r.waiting = true;
+      }
+    }
+    messages_ = std::move(waiting_);
     while (!retries_.empty()) {
       auto due =
           std::min_element(retries_.begin(), retries_.end(), [](const Retry& a, const Retry& b) {
@@ -555,49 +575,104 @@ class QueueSender {
   }
 
  private:
+  // One group of messages on its way.
+  struct Group {
+    std::vector<size_t> indexes;  // In the queue: the ones not skipped before claiming.
+    std::vector<delivery::MessageKey> keys;
+    std::vector<SendJob> jobs;  // One per index, client and subject looked up.
+    std::vector<bool> claimed;
+    std::vector<SendJob*> to_send;
+  };
+
   // Sends the messages at `indexes`, in groups; `attempts` holds the tries
-  // made so far in this run of those deferred before.
+  // made so far in this run of those deferred before. While the connections
+  // send one group, this thread looks up the next (clients, subjects); the
+  // next group is claimed only once the outcomes of this one are written,
+  // so a crash leaves at most one group in doubt.
   void SendAll(const std::vector<size_t>& indexes, const std::map<size_t, int>& attempts) {
     const size_t group_size = kGroupSize * pool_.size();
-    for (size_t start = 0; start < indexes.size(); start += group_size) {
-      std::vector<size_t> group;
-      for (size_t i = start; i < std::min(indexes.size(), start + group_size); ++i) {
-        const QueuedMessage& m = messages_[indexes[i]];
-        bool retry = attempts.count(indexes[i]) > 0;
-        clock_.Enter(Stage::kLookup);
-        if (!retry && AlreadySent(store_, m)) {
-          ++t_.skipped;
-          Progressed(m);
-          continue;
-        }
-        if (!retry && disabled_.Reason(m)) {
-          ++t_.disabled;
-          Progressed(m);
-          continue;
-        }
-        group.push_back(indexes[i]);
-      }
-      SendGroup(group, attempts);
+    Group next;
+    size_t start = 0;
+    auto prepare_next = [&] {
+      next = Prepare(indexes, start, std::min(indexes.size(), start + group_size), attempts);
+      start += group_size;
+    };
+    prepare_next();
+    if (!next.indexes.empty()) {
+      clock_.Enter(Stage::kLookup);
+      ApplyClaims(next, ledger_->Claim(next.keys, o_.resend_in_doubt), attempts);
+    }
+    while (!next.indexes.empty() || start < indexes.size()) {
+      Group current = std::move(next);
+      next = Group();
+      clock_.Enter(Stage::kDeliver);
+      pool_.Start(current.to_send);
+      if (pool_.Overlaps() && start < indexes.size()) prepare_next();
+      clock_.Enter(Stage::kDeliver);
+      pool_.Wait();
+      if (!pool_.Overlaps() && start < indexes.size()) prepare_next();
+      RecordGroup(current, next, attempts);
     }
   }
 
-  void Progressed(const QueuedMessage& m) {
-    progress_.Update(++done_, static_cast<long>(messages_.size()), m.email);
+  // The lookups for indexes [from, to) of `indexes`: the ones sent before or
+  // disabled are counted and left out; clients and subjects are read.
+  Group Prepare(const std::vector<size_t>& indexes, size_t from, size_t to,
+                const std::map<size_t, int>& attempts) {
+    clock_.Enter(Stage::kLookup);
+    // A template's MAILACCOUNT lookup on a connection uses the database too.
+    std::lock_guard<std::mutex> lock(*lookup_lock_);
+    Group group;
+    for (size_t i = from; i < to; ++i) {
+      const QueuedMessage& m = messages_[indexes[i]];
+      const bool retry = attempts.count(indexes[i]) > 0;
+      if (!retry && AlreadySent(store_, m)) {
+        ++t_.skipped;
+        Progressed(m);
+        continue;
+      }
+      if (!retry && disabled_.Reason(m)) {
+        ++t_.disabled;
+        Progressed(m);
+        continue;
+      }
+      group.indexes.push_back(indexes[i]);
+      group.keys.push_back(KeyOf(m));
+    }
+    group.jobs.resize(group.indexes.size());
+    for (size_t g = 0; g < group.indexes.size(); ++g) {
+      const QueuedMessage& m = messages_[group.indexes[g]];
+      SendJob& job = group.jobs[g];
+      job.message = &m;
+      if (suppressions_.Reason(m.email)) continue;
+      try {
+        job.client = store_.LoadRecord("dmclients", m.account);
+      } catch (const CommandError& e) {
+        job.attempt.reason = e.what();
+        continue;
+      }
+      job.subject = Subject(m);
+    }
+    return group;
   }
 
-  void SendGroup(const std::vector<size_t>& group, const std::map<size_t, int>& attempts) {
-    std::vector<delivery::MessageKey> keys;
-    for (size_t i : group) keys.push_back(KeyOf(messages_[i]));
-    clock_.Enter(Stage::kLookup);
-    std::vector<delivery::ClaimResult> claims = ledger_->Claim(keys, o_.resend_in_doubt);
-    std::vector<SendJob> jobs(group.size());
-    std::vector<bool> claimed(group.size(), false);
-    std::vector<SendJob*> to_send;
-    for (size_t g = 0; g < group.size(); ++g) {
-      const QueuedMessage& m = messages_[group[g]];
-      const bool retry = attempts.count(group[g]) > 0;
-      SendJob& job = jobs[g];
-      job.message = &m;
+  // The item's subject, read once per item.
+  const std::string& Subject(const QueuedMessage& m) {
+    auto it = subjects_.find(m.item_id);
+    if (it == subjects_.end()) it = subjects_.emplace(m.item_id, SubjectFor(store_, m)).first;
+    return it->second;
+  }
+
+  void Progressed(const QueuedMessage& m) { progress_.Update(++done_, reader_.count(), m.email); }
+
+  // Takes the group's claims and picks what to send.
+  void ApplyClaims(Group& group, const std::vector<delivery::ClaimResult>& claims,
+                   const std::map<size_t, int>& attempts) {
+    group.claimed.assign(group.indexes.size(), false);
+    for (size_t g = 0; g < group.indexes.size(); ++g) {
+      const QueuedMessage& m = messages_[group.indexes[g]];
+      const bool retry = attempts.count(group.indexes[g]) > 0;
+      SendJob& job = group.jobs[g];
       switch (claims[g]) {
         case delivery::ClaimResult::kAccepted:
           if (!retry) ++t_.skipped;
@@ -620,40 +695,39 @@ class QueueSender {
         case delivery::ClaimResult::kClaimed:
           break;
       }
-      claimed[g] = true;
+      group.claimed[g] = true;
       if (auto why = suppressions_.Reason(m.email)) {
         job.attempt.suppressed = true;
         job.attempt.reason = "suppressed: " + *why;
-        continue;
-      }
-      if (stop_) {
+      } else if (stop_) {
         job.attempt.reason = "not attempted: " + stop_reason_;
-        continue;
+      } else if (job.attempt.reason.empty()) {
+        group.to_send.push_back(&job);
       }
-      try {
-        job.client = store_.LoadRecord("dmclients", m.account);
-      } catch (const CommandError& e) {
-        job.attempt.reason = e.what();
-        continue;
-      }
-      job.subject = SubjectFor(store_, m);
-      to_send.push_back(&job);
     }
-    clock_.Enter(Stage::kDeliver);
-    pool_.Deliver(to_send);
+  }
+
+  // Writes the group's outcomes and claims the next group, in one
+  // transaction (one commit per group).
+  void RecordGroup(Group& group, Group& next, const std::map<size_t, int>& attempts) {
     clock_.Enter(Stage::kLog);
     bool stop_now = false;
+    std::vector<delivery::ClaimResult> claims;
     ledger_->Begin();
     try {
-      for (size_t g = 0; g < group.size(); ++g) {
-        if (!claimed[g]) continue;
-        Record(group[g], keys[g], jobs[g].attempt, attempts, &stop_now);
+      for (size_t g = 0; g < group.claimed.size(); ++g) {
+        if (!group.claimed[g]) continue;
+        Record(group.indexes[g], group.keys[g], group.jobs[g].attempt, attempts, &stop_now);
       }
+      // Nothing more is claimed once the server is found unreachable.
+      if (!stop_now && !next.indexes.empty())
+        claims = ledger_->ClaimInTransaction(next.keys, o_.resend_in_doubt);
       ledger_->Commit();
     } catch (...) {
       ledger_->Rollback();
       throw;
     }
+    if (!claims.empty()) ApplyClaims(next, claims, attempts);
     if (stop_now) {
       progress_.Finish();
       Unreachable(settings_, stop_reason_);
@@ -726,7 +800,9 @@ class QueueSender {
   }
 
   const Store& store_;
-  const std::vector<QueuedMessage>& messages_;
+  QueueReader& reader_;
+  std::vector<QueuedMessage> messages_;  // The chunk being sent, then the waiting ones.
+  std::vector<QueuedMessage> waiting_;   // Deferred messages of sent chunks.
   const SendOptions& o_;
   const SmtpSettings& settings_;
   ConnectionPool& pool_;
@@ -738,6 +814,8 @@ class QueueSender {
   const SuppressionSet suppressions_;
   std::chrono::steady_clock::time_point deadline_;
   std::vector<Retry> retries_;
+  std::shared_ptr<std::mutex> lookup_lock_;
+  std::map<std::string, std::string> subjects_;  // By item.
   Tally t_;
   long done_ = 0;
   bool stop_ = false;
@@ -792,7 +870,7 @@ SendTally SendFile(const Store& store, const std::string& queue_file, const Send
   settings.ca_file = o.ca_file;
   settings.timeout = o.timeout;
 
-  std::vector<QueuedMessage> messages = ReadQueue(queue_file);
+  QueueReader reader(queue_file);
   Progress progress(!o.quiet && isatty(STDOUT_FILENO));
   StageClock clock;
   // The documented classes share the store's connection: one at a time.
@@ -810,7 +888,7 @@ SendTally SendFile(const Store& store, const std::string& queue_file, const Send
   {
     ConnectionPool pool(std::move(deliverers), ParseRate(o.rate, "--rate"),
                         ParseRate(o.domain_rate, "--domain-rate"));
-    QueueSender sender(store, messages, o, settings, pool, progress, clock);
+    QueueSender sender(store, reader, o, settings, pool, lookup_lock, progress, clock);
     sent = sender.Send();
   }
   for (auto& mailer : mailers)
@@ -818,7 +896,7 @@ SendTally SendFile(const Store& store, const std::string& queue_file, const Send
   clock.Stop();
   progress.Finish();
   if (o.timings) clock.Print();
-  sent.queued = messages.size();
+  sent.queued = static_cast<std::size_t>(reader.count());
   return sent;
 }
 

@@ -96,18 +96,25 @@ void ConnectionPool::DeliverOne(std::size_t connection, SendJob& job) {
   job.attempt = deliverers_[connection](*job.message, job.client, job.subject);
 }
 
-void ConnectionPool::Deliver(const std::vector<SendJob*>& jobs) {
-  if (jobs.empty()) return;
-  if (threads_.empty()) {
-    for (SendJob* job : jobs) DeliverOne(0, *job);
-    return;
-  }
-  std::unique_lock<std::mutex> lock(mutex_);
+void ConnectionPool::Start(const std::vector<SendJob*>& jobs) {
+  std::lock_guard<std::mutex> lock(mutex_);
   jobs_ = &jobs;
   next_ = 0;
   finished_ = 0;
-  work_ready_.notify_all();
-  work_done_.wait(lock, [&] { return finished_ == jobs.size(); });
+  if (!threads_.empty()) work_ready_.notify_all();
+}
+
+void ConnectionPool::Wait() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!jobs_) return;
+  if (threads_.empty()) {
+    const std::vector<SendJob*>& jobs = *jobs_;
+    lock.unlock();
+    for (SendJob* job : jobs) DeliverOne(0, *job);
+    lock.lock();
+  } else {
+    work_done_.wait(lock, [&] { return finished_ == jobs_->size(); });
+  }
   jobs_ = nullptr;
 }
 

@@ -92,7 +92,21 @@ class ConnectionPool {
 
   // Delivers every job, each on whichever connection is free, and returns
   // when all have ended.
-  void Deliver(const std::vector<SendJob*>& jobs);
+  void Deliver(const std::vector<SendJob*>& jobs) {
+    Start(jobs);
+    Wait();
+  }
+
+  // Starts delivering `jobs` (which must live until Wait returns) and
+  // returns at once when the connections have threads of their own, so the
+  // caller can prepare the next group meanwhile; with a single connection
+  // the work is done in Wait, on the calling thread.
+  void Start(const std::vector<SendJob*>& jobs);
+  // Returns when every job of the last Start has ended.
+  void Wait();
+
+  // Whether Start returns before the work is done.
+  bool Overlaps() const { return !threads_.empty(); }
 
  private:
   void Work(std::size_t connection);

@@ -173,6 +173,20 @@ long Ledger::MarkAbandonedClaims(long lease_seconds) {
 }
 
 std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool resend_in_doubt) {
+  if (keys.empty()) return {};
+  Begin();
+  try {
+    std::vector<ClaimResult> results = ClaimInTransaction(keys, resend_in_doubt);
+    Commit();
+    return results;
+  } catch (...) {
+    Rollback();
+    throw;
+  }
+}
+
+std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> keys,
+                                                    bool resend_in_doubt) {
   std::vector<ClaimResult> results(keys.size(), ClaimResult::kBusy);
   if (keys.empty()) return results;
   const std::string now = Quote(LedgerTime());
@@ -180,42 +194,35 @@ std::vector<ClaimResult> Ledger::Claim(std::span<const MessageKey> keys, bool re
   std::string retryable = "State IN ('deferred', 'failed', 'suppressed'";
   if (resend_in_doubt) retryable += ", 'in-doubt'";
   retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + now + ")";
-  Begin();
-  try {
-    for (size_t i = 0; i < keys.size(); ++i) {
-      const MessageKey& key = keys[i];
-      long affected = 0;
-      connection_->Execute(
-          "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
-          "Attempts, Worker, Updated, RunDate) VALUES (" +
-              Quote(key.campaign_id) + ", " + Quote(key.item_id) + ", " + Quote(key.client) + ", " +
-              Quote(key.email) + ", 'claimed', 0, " + worker + ", " + now + ", " +
-              (key.run_date.empty() ? std::string("NULL") : Quote(key.run_date)) +
-              ") ON CONFLICT DO NOTHING",
-          &affected);
-      if (affected == 0) {
-        connection_->Execute("UPDATE quillo_deliveries SET State = 'claimed', Worker = " + worker +
-                                 ", Updated = " + now + " WHERE " + KeyCondition(key) + " AND " +
-                                 retryable,
-                             &affected);
-      }
-      if (affected > 0) {
-        results[i] = ClaimResult::kClaimed;
-        continue;
-      }
-      Recordset rs;
-      rs.Open("SELECT State FROM quillo_deliveries WHERE " + KeyCondition(key), connection_,
-              kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
-      std::string state = rs.Eof() ? std::string() : FieldText(rs, "State");
-      rs.Close();
-      if (state == "accepted") results[i] = ClaimResult::kAccepted;
-      if (state == "in-doubt") results[i] = ClaimResult::kInDoubt;
-      if (state == "refused") results[i] = ClaimResult::kRefused;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    const MessageKey& key = keys[i];
+    long affected = 0;
+    connection_->Execute(
+        "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+        "Attempts, Worker, Updated, RunDate) VALUES (" +
+            Quote(key.campaign_id) + ", " + Quote(key.item_id) + ", " + Quote(key.client) + ", " +
+            Quote(key.email) + ", 'claimed', 0, " + worker + ", " + now + ", " +
+            (key.run_date.empty() ? std::string("NULL") : Quote(key.run_date)) +
+            ") ON CONFLICT DO NOTHING",
+        &affected);
+    if (affected == 0) {
+      connection_->Execute("UPDATE quillo_deliveries SET State = 'claimed', Worker = " + worker +
+                               ", Updated = " + now + " WHERE " + KeyCondition(key) + " AND " +
+                               retryable,
+                           &affected);
     }
-    Commit();
-  } catch (...) {
-    Rollback();
-    throw;
+    if (affected > 0) {
+      results[i] = ClaimResult::kClaimed;
+      continue;
+    }
+    Recordset rs;
+    rs.Open("SELECT State FROM quillo_deliveries WHERE " + KeyCondition(key), connection_,
+            kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+    std::string state = rs.Eof() ? std::string() : FieldText(rs, "State");
+    rs.Close();
+    if (state == "accepted") results[i] = ClaimResult::kAccepted;
+    if (state == "in-doubt") results[i] = ClaimResult::kInDoubt;
+    if (state == "refused") results[i] = ClaimResult::kRefused;
   }
   return results;
 }

@@ -127,6 +127,11 @@ class Ledger {
   // is claimed.
   std::vector<ClaimResult> Claim(std::span<const MessageKey> keys, bool resend_in_doubt);
 
+  // The same inside the transaction the caller has open (Begin): a sender
+  // writes one group's outcomes and claims the next group in one commit.
+  std::vector<ClaimResult> ClaimInTransaction(std::span<const MessageKey> keys,
+                                              bool resend_in_doubt);
+
   // Opens the transaction that Record and the caller's own writes (the
   // sent-item log) share; Commit ends it.
   void Begin();

@@ -346,3 +346,17 @@ def test_worker_refuses_a_queue_or_campaign_of_its_own(cli, sink):
     server = sink()
     done = cli.run("send", "--worker", "--campaign", "Drip", "--smtp", server.url, check=False)
     assert done.returncode == 1 and "--worker sends the queues tick keeps" in done.stderr
+
+
+def test_deferred_messages_of_a_long_queue_read_in_parts_are_each_sent_once(cli, sink):
+    # The queue is read 8,192 messages at a time: the deferred ones of the
+    # first part wait while the second is sent, then go out.
+    server = sink("--defer-every", "1000")
+    queue = campaign_of(cli, 9000)
+    done = subprocess.run(send_args(cli, queue, server), cwd=cli.folder, capture_output=True,
+                          text=True, timeout=600)
+    assert done.returncode == 0, done.stderr
+    assert "sent 9000, refused 0, failed 0, deferred 0" in done.stdout
+    assert len(server.lines("DEFERRED")) == 9
+    got = server.accepted()
+    assert sorted(got) == addresses(9000) and set(got.values()) == {1}

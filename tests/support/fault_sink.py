@@ -36,13 +36,15 @@ class Sink:
         self.stopping = asyncio.Event()
 
     def write(self, line):
+        # Flushed, so the log is in the file before the reply goes out.
         self.log.write(line + "\n")
         self.log.flush()
-        os.fsync(self.log.fileno())
 
     async def session(self, reader, writer):
         self.sessions += 1
         number = self.sessions
+        # Replies go out at once (no Nagle delay waiting for the client's ACK).
+        writer.get_extra_info("socket").setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.write("SESSION %d" % number)
         writer.write(b"220 sink ESMTP\r\n")
         rcpt = None
