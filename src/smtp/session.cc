@@ -383,6 +383,10 @@ bool Session::ReadReply(std::chrono::seconds timeout, Reply* reply, Outcome* fai
 }
 
 void Session::Sent(std::string_view line) {
+  // A session reused for a million messages keeps only the recent lines.
+  if (transcript_.size() >= 2 * kTranscriptLines) {
+    transcript_.erase(transcript_.begin(), transcript_.end() - kTranscriptLines);
+  }
   transcript_.emplace_back(line);
   if (options_.trace) options_.trace("C: " + std::string(line));
 }

@@ -144,7 +144,9 @@ class Session {
   void Close();
 
   // The commands sent so far on this session's connections, one per line,
-  // with AUTH credentials masked; for tests and -v logs.
+  // with AUTH credentials masked; for tests and -v logs. Only the most
+  // recent are kept: at least kTranscriptLines, fewer than twice as many.
+  static constexpr std::size_t kTranscriptLines = 1000;
   const std::vector<std::string>& Transcript() const { return transcript_; }
 
  private:

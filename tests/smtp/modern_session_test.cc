@@ -49,6 +49,32 @@ TEST(ModernSession, MailFromHasNoBlankAfterTheColon) {
   EXPECT_EQ(o.enhanced, "2.0.0");
 }
 
+// "c<i>@example.test", built by appending (GCC 12 misreports a chain of + here).
+std::string Numbered(int i) {
+  std::string address = "c";
+  address.append(std::to_string(i)).append("@example.test");
+  return address;
+}
+
+TEST(ModernSession, AReusedSessionKeepsOnlyTheRecentTranscript) {
+  ScriptedSmtpPeer peer;
+  Session session(Options(peer));
+  const int messages = 1200;  // Four commands or more each.
+  for (int i = 0; i < messages; ++i) {
+    ASSERT_EQ(session.Send(To(Numbered(i)), kMessage).kind, OutcomeKind::kAccepted);
+  }
+  session.Close();
+  const auto& transcript = session.Transcript();
+  EXPECT_GE(transcript.size(), Session::kTranscriptLines);
+  EXPECT_LT(transcript.size(), 2 * Session::kTranscriptLines);
+  // The newest lines are the ones kept.
+  std::string last = "RCPT TO:<";
+  last.append(Numbered(messages - 1)).append(">");
+  EXPECT_TRUE(std::find(transcript.begin(), transcript.end(), last) != transcript.end());
+  EXPECT_TRUE(std::find(transcript.begin(), transcript.end(), "RCPT TO:<c0@example.test>") ==
+              transcript.end());
+}
+
 TEST(ModernSession, EhloGivesAFullyQualifiedNameOrAnAddressLiteral) {
   ScriptedSmtpPeer peer;
   SessionOptions options = Options(peer);
