@@ -12,6 +12,7 @@
 #     bench/send_scale_bench.sh build/release      # the peak memory at a million
 #   QUILLO_SCALE_PG=postgresql://... bench/send_scale_bench.sh build/release
 #                                                   # also: 2 processes on PostgreSQL
+#                                                   # (QUILLO_SCALE_ROUNDS=0: PostgreSQL only)
 #
 # Postfix is unpacked from Debian's package into a temporary folder (apt-get
 # download postfix; dpkg-deb -x); nothing is installed or started besides
@@ -113,12 +114,14 @@ if [ -n "${QUILLO_SCALE_PG:-}" ]; then
   echo "run: $pg_seconds s"
   for c in $CONNECTIONS; do
     t0=$(now)
+    senders=()
     for _ in 1 2; do
       "$BUILD/cli/quillo" --db "$QUILLO_SCALE_PG" send --queue "$WORK/queue.txt" \
         --smtp "smtp://127.0.0.1:$PORT" --from news@quillo.example --connections "$c" -q \
         >>"$WORK/pg.out" 2>&1 &
+      senders+=($!)
     done
-    wait
+    wait "${senders[@]}"
     t1=$(now)
     src=$(source_seconds "$((2 * c))")
     awk -v c="$c" -v n="$N" -v s="$src" -v o="$(secs "$t0" "$t1")" 'BEGIN {
