@@ -253,6 +253,10 @@ struct SendTally {
 // Runs the campaign first when `s.campaign` is set, then sends the queue,
 // printing nothing (but the progress bar and --timings).
 SendTally RunAndSend(const GlobalOptions& g, const SendOptions& s);
+// Throws CommandError for sending options that cannot work (a bad rate or
+// duration, --compat with DKIM, ...): checked before anything is run, claimed
+// or sent.
+void CheckSendOptions(const SendOptions& o);
 void CmdSend(const GlobalOptions& g, const SendOptions& s);
 // send --worker: sends the queues tick keeps in the database
 // (quillo_tick_queues) until none has anything left to claim, waiting up to

@@ -844,7 +844,21 @@ SmtpSettings SenderOrDefault(const Store& store, const SendOptions& o) {
 namespace {
 
 // The checks of the sending options, made before anything is run or sent.
+}  // namespace
+
 void CheckSendOptions(const SendOptions& o) {
+  if (o.compat && !o.dkim_key.empty()) {
+    throw CommandError("--dkim-key signs on our own delivery path only, not with --compat");
+  }
+  if (!o.unsubscribe_url.empty() && o.unsubscribe_url.rfind("https://", 0) != 0 &&
+      o.unsubscribe_url.rfind("http://", 0) != 0) {
+    throw CommandError("--unsubscribe-url must start with https:// (or http://)");
+  }
+  if (o.compat && !o.unsubscribe_url.empty()) {
+    throw CommandError(
+        "--unsubscribe-url adds fields on our own delivery path only, not with "
+        "--compat");
+  }
   if (o.connections < 1 || o.connections > 64) {
     throw CommandError("--connections wants 1 to 64, not " + std::to_string(o.connections));
   }
@@ -853,6 +867,8 @@ void CheckSendOptions(const SendOptions& o) {
   ParseRate(o.domain_rate, "--domain-rate");
   ParseDuration(o.retry_for, "--retry-for");
 }
+
+namespace {
 
 // Sends the queue in `queue_file` on --connections connections.
 SendTally SendFile(const Store& store, const std::string& queue_file, const SendOptions& o) {
@@ -906,18 +922,6 @@ SendTally RunAndSend(const GlobalOptions& g, const SendOptions& o) {
   Store store(g.db);
   CheckSendOptions(o);
   SendTally t;
-  if (o.compat && !o.dkim_key.empty()) {
-    throw CommandError("--dkim-key signs on our own delivery path only, not with --compat");
-  }
-  if (!o.unsubscribe_url.empty() && o.unsubscribe_url.rfind("https://", 0) != 0 &&
-      o.unsubscribe_url.rfind("http://", 0) != 0) {
-    throw CommandError("--unsubscribe-url must start with https:// (or http://)");
-  }
-  if (o.compat && !o.unsubscribe_url.empty()) {
-    throw CommandError(
-        "--unsubscribe-url adds fields on our own delivery path only, not with "
-        "--compat");
-  }
   std::string queue_file = o.queue;
   if (!o.campaign.empty()) {
     if (queue_file.empty()) queue_file = "~mqueue.txt";

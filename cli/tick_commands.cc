@@ -240,6 +240,8 @@ std::string TickLine(const TickEvent& e) {
 TickResult Tick(const GlobalOptions& g, const TickOptions& t, const SendOptions& send,
                 const std::function<void(const TickEvent&)>& on_event) {
   if (t.catch_up < 1) throw CommandError("--catch-up wants 1 day or more");
+  // Before any day is claimed: a day claimed by a tick that cannot send would be lost.
+  CheckSendOptions(send);
   Store store(g.db);
   const long today = DayOf(t.date.empty() ? Today() : ParseDateOption(t.date));
   if (!t.dry_run) CreateTickClaimTable(store);
@@ -371,6 +373,7 @@ TickResult Tick(const GlobalOptions& g, const TickOptions& t, const SendOptions&
 }
 
 SendTally SendKeptQueues(const GlobalOptions& g, const SendOptions& send) {
+  CheckSendOptions(send);
   Store store(g.db);
   CreateTickClaimTable(store);
   SendOptions o = send;

@@ -28,7 +28,8 @@ void AddTickBindings(py::module_& m) {
       [](const std::string& db, const std::string& date, int catch_up, bool dry_run,
          const std::string& account, const std::string& smtp, const std::string& tls,
          const std::string& from_address, const std::string& from_name, const std::string& helo,
-         int timeout, bool allow_plaintext_auth, const std::string& ca_file) {
+         int timeout, bool allow_plaintext_auth, const std::string& ca_file, int connections,
+         const std::string& rate, const std::string& domain_rate, const std::string& retry_for) {
         cli::GlobalOptions g;
         g.db = db;
         cli::TickOptions t;
@@ -48,6 +49,10 @@ void AddTickBindings(py::module_& m) {
         s.timeout = timeout;
         s.allow_plaintext_auth = allow_plaintext_auth;
         s.ca_file = ca_file;
+        s.connections = connections;
+        s.rate = rate;
+        s.domain_rate = domain_rate;
+        s.retry_for = retry_for;
         s.quiet = true;
         cli::TickResult r;
         {
@@ -87,7 +92,8 @@ void AddTickBindings(py::module_& m) {
       py::arg("dry_run") = false, py::arg("account") = "", py::arg("smtp") = "",
       py::arg("tls") = "opportunistic", py::arg("from_address") = "", py::arg("from_name") = "",
       py::arg("helo") = "", py::arg("timeout") = 0, py::arg("allow_plaintext_auth") = false,
-      py::arg("ca_file") = "",
+      py::arg("ca_file") = "", py::arg("connections") = 4, py::arg("rate") = "0",
+      py::arg("domain_rate") = "0", py::arg("retry_for") = "4h",
       "Runs and sends every campaign due on `date` (default today), once per date, as `quillo "
       "tick` does; returns what happened as plain values.");
 }

@@ -246,3 +246,20 @@ def test_python_ticks_with_the_same_job_and_gets_plain_values(quillo, cli, smtp_
         quillo.tick(cli.db, tls="sometimes")
     with pytest.raises(RuntimeError, match="unknown|no database|catch-up"):
         quillo.tick(cli.db, catch_up=0)
+
+
+def test_python_tick_takes_the_sending_engine_options(quillo, cli, smtp_server):
+    server = smtp_server()
+    setup_month(cli)
+    smtp = "smtp://127.0.0.1:%d" % server.port
+    done = quillo.tick(cli.db, date="2026-03-01", smtp=smtp, from_address="news@quillo.example",
+                       connections=2, rate="100/s", domain_rate="50/s", retry_for="30m")
+    assert (done["runs"], done["not_delivered"], done["problems"]) == (3, 0, 0)
+    assert len(arrivals(server)) == 4
+    # A bad option stops the tick before it claims a day, so no day is lost.
+    with pytest.raises(RuntimeError, match="--connections wants 1 to 64"):
+        quillo.tick(cli.db, date="2026-03-02", smtp=smtp, from_address="news@quillo.example",
+                    connections=0)
+    later = quillo.tick(cli.db, date="2026-03-02", smtp=smtp, from_address="news@quillo.example")
+    assert later["problems"] == 0
+    assert {e["status"] for e in later["events"] if e["date"] == "2026-03-02"} == {"done"}
