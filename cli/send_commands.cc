@@ -959,8 +959,9 @@ void CmdSend(const GlobalOptions& g, const SendOptions& o) {
   if (!t.run_id.empty()) {
     std::printf("run %s: %d clients, %d messages queued\n", t.run_id.c_str(), t.clients, t.made);
   }
+  // A message refused by an earlier send stands refused: it counts here too.
   std::printf("sent %d, refused %d, failed %d, deferred %d, already sent %d (of %zu queued)\n",
-              t.sent, t.refused, t.failed, t.deferred, t.skipped, t.queued);
+              t.sent, t.refused + t.refused_before, t.failed, t.deferred, t.skipped, t.queued);
   if (t.disabled > 0) {
     std::printf("skipped %d messages of disabled campaigns, clients, enrolments or items\n",
                 t.disabled);
