@@ -380,6 +380,8 @@ delivery::Account ModernAccount(const Store& store, const SmtpSettings& s, const
     a.session.password = s.password;
   }
   a.session.allow_plaintext_auth = o.allow_plaintext_auth;
+  a.session.max_messages_per_connection =
+      o.per_connection > 0 ? static_cast<std::size_t>(o.per_connection) : 0;
   if (o.timeout > 0) smtp::OverrideTimeouts(a.session.timeouts, std::chrono::seconds(o.timeout));
   a.from.address = s.sender;
   a.from.name = s.friendly;
@@ -401,38 +403,45 @@ delivery::Account ModernAccount(const Store& store, const SmtpSettings& s, const
   return a;
 }
 
-// Our own delivery path: one Mailer, its connections reused between
-// messages. Several of them send at once (one per connection): they share
-// `lookup_lock` for their database lookups and `delivered_any`.
-DeliverFunction ModernDeliverer(const Store& store, const SmtpSettings& settings,
-                                const SendOptions& o, std::shared_ptr<delivery::Mailer>& keep,
-                                std::shared_ptr<std::mutex> lookup_lock,
-                                std::shared_ptr<std::atomic<bool>> delivered_any) {
-  auto lookup = [&store, &o,
-                 lookup_lock](const std::string& email) -> std::optional<delivery::Account> {
+// What every connection of our own delivery path shares, worked out once:
+// the account (its DKIM key read once), the account lookup for a template's
+// MAILACCOUNT line, the token key and the list fields' parts.
+struct ModernSetup {
+  delivery::Account account;
+  delivery::AccountLookup lookup;
+  std::string key;     // The database's token key, when links or VERP need it.
+  std::string base;    // --unsubscribe-url without a trailing "/".
+  std::string domain;  // The sender's domain, for List-Id.
+};
+
+// The lookups of the connections share `lookup_lock`: one database connection.
+ModernSetup MakeModernSetup(const Store& store, const SmtpSettings& settings, const SendOptions& o,
+                            std::shared_ptr<std::mutex> lookup_lock) {
+  ModernSetup setup;
+  setup.lookup = [&store, &o,
+                  lookup_lock](const std::string& email) -> std::optional<delivery::Account> {
     std::lock_guard<std::mutex> lock(*lookup_lock);
     std::optional<SmtpSettings> found = FindAccount(store, email);
     if (!found) return std::nullopt;
     return ModernAccount(store, *found, o);
   };
-  delivery::Account account = ModernAccount(store, settings, o);
-  account.session.max_messages_per_connection =
-      o.per_connection > 0 ? static_cast<std::size_t>(o.per_connection) : 0;
-  keep = std::make_shared<delivery::Mailer>(account, lookup);
-  auto mailer = keep;
-  // The unsubscribe links are signed with the database's own key.
-  std::string key;
-  if (!o.unsubscribe_url.empty()) {
-    if (o.unsubscribe_url.rfind("https://", 0) != 0 && o.unsubscribe_url.rfind("http://", 0) != 0) {
-      throw CommandError("--unsubscribe-url must start with https:// (or http://)");
-    }
-  }
-  if (!o.verp.empty()) CheckAddress(o.verp);
+  setup.account = ModernAccount(store, settings, o);
   if (!o.unsubscribe_url.empty() || !o.verp.empty())
-    key = delivery::UnsubscribeKey(*store.database());
-  std::string base = o.unsubscribe_url;
-  while (!base.empty() && base.back() == '/') base.pop_back();
-  const std::string domain(mail::DomainOf(settings.sender));
+    setup.key = delivery::UnsubscribeKey(*store.database());
+  setup.base = o.unsubscribe_url;
+  while (!setup.base.empty() && setup.base.back() == '/') setup.base.pop_back();
+  setup.domain = std::string(mail::DomainOf(settings.sender));
+  return setup;
+}
+
+// Our own delivery path on one connection: a Mailer, its sessions reused
+// between messages. The connections share `delivered_any`.
+DeliverFunction ModernDeliverer(const ModernSetup& setup, const SendOptions& o,
+                                std::shared_ptr<delivery::Mailer>& keep,
+                                std::shared_ptr<std::atomic<bool>> delivered_any) {
+  keep = std::make_shared<delivery::Mailer>(setup.account, setup.lookup);
+  auto mailer = keep;
+  const std::string key = setup.key, base = setup.base, domain = setup.domain;
   return [mailer, delivered_any, &o, key, base, domain](
              const QueuedMessage& m, const Dispatch& client, const std::string& subject) {
     Attempt a;
@@ -493,10 +502,9 @@ delivery::MessageKey KeyOf(const QueuedMessage& m) {
 
 // A message deferred in this run, waiting for its next attempt.
 struct Retry {
-  size_t index;  // In the chunk being sent, or (once moved) among the waiting messages.
+  size_t index;  // In the chunk being sent, or (once its chunk is done) in the waiting ones.
   int attempts;  // Made so far in this run.
   std::chrono::steady_clock::time_point due;
-  bool waiting = false;  // `index` is among the waiting messages (its chunk is gone).
 };
 
 // Messages read from the queue at a time.
@@ -534,6 +542,7 @@ class QueueSender {
   Tally Send() {
     t_.abandoned = ledger_->MarkAbandonedClaims();
     // The queue is read a chunk at a time, so memory does not grow with it.
+    size_t moved = 0;
     for (;;) {
       messages_.clear();
       QueuedMessage m;
@@ -542,13 +551,13 @@ class QueueSender {
       std::vector<size_t> all(messages_.size());
       for (size_t i = 0; i < all.size(); ++i) all[i] = i;
       SendAll(all, {});
-      // What waits for another try keeps its message; the chunk goes.
-      for (Retry& r : retries_) {
-        if (r.waiting) continue;
-        waiting_.push_back(messages_[r.index]);
-        r.index = waiting_.size() - 1;
-        r.waiting = true;
+      // What waits for another try keeps its message; the chunk goes. The
+      // retries from `moved` on are this chunk's.
+      for (size_t i = moved; i < retries_.size(); ++i) {
+        waiting_.push_back(messages_[retries_[i].index]);
+        retries_[i].index = waiting_.size() - 1;
       }
+      moved = retries_.size();
     }
     messages_ = std::move(waiting_);
     while (!retries_.empty()) {
@@ -859,6 +868,7 @@ void CheckSendOptions(const SendOptions& o) {
         "--unsubscribe-url adds fields on our own delivery path only, not with "
         "--compat");
   }
+  if (!o.verp.empty()) CheckAddress(o.verp);
   if (o.connections < 1 || o.connections > 64) {
     throw CommandError("--connections wants 1 to 64, not " + std::to_string(o.connections));
   }
@@ -895,10 +905,11 @@ SendTally SendFile(const Store& store, const std::string& queue_file, const Send
   std::vector<DeliverFunction> deliverers;
   auto lookup_lock = std::make_shared<std::mutex>();
   auto delivered_any = std::make_shared<std::atomic<bool>>(false);
+  std::optional<ModernSetup> setup;
+  if (!o.compat) setup = MakeModernSetup(store, settings, o, lookup_lock);
   for (int i = 0; i < connections; ++i) {
-    deliverers.push_back(
-        o.compat ? CompatDeliverer(store, settings, o)
-                 : ModernDeliverer(store, settings, o, mailers[i], lookup_lock, delivered_any));
+    deliverers.push_back(o.compat ? CompatDeliverer(store, settings, o)
+                                  : ModernDeliverer(*setup, o, mailers[i], delivered_any));
   }
   SendTally sent;
   {

@@ -90,17 +90,11 @@ class ConnectionPool {
 
   std::size_t size() const { return deliverers_.size(); }
 
-  // Delivers every job, each on whichever connection is free, and returns
-  // when all have ended.
-  void Deliver(const std::vector<SendJob*>& jobs) {
-    Start(jobs);
-    Wait();
-  }
-
-  // Starts delivering `jobs` (which must live until Wait returns) and
-  // returns at once when the connections have threads of their own, so the
-  // caller can prepare the next group meanwhile; with a single connection
-  // the work is done in Wait, on the calling thread.
+  // Starts delivering `jobs` (which must live until Wait returns), each on
+  // whichever connection is free, and returns at once when the connections
+  // have threads of their own, so the caller can prepare the next group
+  // meanwhile; with a single connection the work is done in Wait, on the
+  // calling thread.
   void Start(const std::vector<SendJob*>& jobs);
   // Returns when every job of the last Start has ended.
   void Wait();

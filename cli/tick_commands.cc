@@ -85,6 +85,21 @@ struct Campaign {
   Date effective;
 };
 
+// A queue a tick keeps in quillo_tick_queues.
+struct Kept {
+  std::string id, day, queue;
+};
+
+// The kept queues, oldest day first.
+std::vector<Kept> KeptQueues(const Store& store) {
+  std::vector<Kept> kept;
+  store.Query("SELECT CampaignRecID, RunDate, Queue FROM quillo_tick_queues ORDER BY RunDate;",
+              [&](const Row& r) {
+                kept.push_back({r.Text("CampaignRecID"), r.Text("RunDate"), r.Text("Queue")});
+              });
+  return kept;
+}
+
 // A queue file of its own for one send, so ticks in one folder never share
 // one; removed when it goes out of scope.
 class ScratchQueue {
@@ -273,14 +288,7 @@ TickResult Tick(const GlobalOptions& g, const TickOptions& t, const SendOptions&
       });
   if (!t.dry_run) {
     // First what earlier ticks made but could not deliver in full.
-    struct Kept {
-      std::string id, day, queue;
-    };
-    std::vector<Kept> kept;
-    store.Query("SELECT CampaignRecID, RunDate, Queue FROM quillo_tick_queues ORDER BY RunDate;",
-                [&](const Row& r) {
-                  kept.push_back({r.Text("CampaignRecID"), r.Text("RunDate"), r.Text("Queue")});
-                });
+    std::vector<Kept> kept = KeptQueues(store);
     for (const Kept& k : kept) {
       TickEvent e = about(k.id, k.day, "", "");
       e.kept_queue = true;
@@ -383,14 +391,7 @@ SendTally SendKeptQueues(const GlobalOptions& g, const SendOptions& send) {
   const auto start = std::chrono::steady_clock::now();
   bool found_any = false;
   for (;;) {
-    struct Kept {
-      std::string id, day, queue;
-    };
-    std::vector<Kept> kept;
-    store.Query("SELECT CampaignRecID, RunDate, Queue FROM quillo_tick_queues ORDER BY RunDate;",
-                [&](const Row& r) {
-                  kept.push_back({r.Text("CampaignRecID"), r.Text("RunDate"), r.Text("Queue")});
-                });
+    std::vector<Kept> kept = KeptQueues(store);
     if (kept.empty()) {
       if (!found_any &&
           std::chrono::steady_clock::now() - start < std::chrono::seconds(send.wait)) {

@@ -20,16 +20,19 @@ struct Field {
   std::string value;
 };
 
+// The value of the first field called `name` (lower case), or "".
+std::string GetField(const std::vector<Field>& fields, std::string_view name) {
+  for (const Field& f : fields)
+    if (f.name == name) return f.value;
+  return {};
+}
+
 // One entity: its header fields and its body (LF lines).
 struct Entity {
   std::vector<Field> fields;
   std::string_view body;
 
-  std::string Get(std::string_view name) const {
-    for (const Field& f : fields)
-      if (f.name == name) return f.value;
-    return {};
-  }
+  std::string Get(std::string_view name) const { return GetField(fields, name); }
 };
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
@@ -280,12 +283,6 @@ std::vector<std::vector<Field>> FieldGroups(std::string_view body) {
   }
   if (!current.empty()) groups.push_back(ParseFields(current));
   return groups;
-}
-
-std::string GetField(const std::vector<Field>& fields, std::string_view name) {
-  for (const Field& f : fields)
-    if (f.name == name) return f.value;
-  return {};
 }
 
 // An address fit to record: an "@", no blank, bracket or control character.

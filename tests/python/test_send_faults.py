@@ -115,6 +115,12 @@ def send_args(cli, queue, sink, *extra):
             "news@quillo.example", "-q", *extra]
 
 
+def send(cli, queue, sink, *extra):
+    """One `quillo send` of the queue to the sink, run to its end."""
+    return subprocess.run(send_args(cli, queue, sink, *extra), cwd=cli.folder,
+                          capture_output=True, text=True, timeout=600)
+
+
 def ledger_states(cli):
     out = cli.out("status", "--campaign", "Drip")
     counts = {}
@@ -170,8 +176,7 @@ def test_senders_killed_at_random_moments_lose_nothing_and_resend_only_when_aske
         p.wait(timeout=30)
     before = server.accepted()
     assert set(before.values()) <= {1}
-    done = subprocess.run(send_args(cli, queue, server), cwd=cli.folder, capture_output=True,
-                          text=True, timeout=600)
+    done = send(cli, queue, server)
     after = server.accepted()
     assert set(after.values()) == {1}  # Nothing went out twice.
     states = ledger_states(cli)
@@ -186,8 +191,7 @@ def test_senders_killed_at_random_moments_lose_nothing_and_resend_only_when_aske
     doubtful = [a for a in addresses(n) if a in status]
     assert len(doubtful) == in_doubt
     # Only what was in doubt can arrive twice, and only when asked.
-    again = subprocess.run(send_args(cli, queue, server, "--resend-in-doubt"), cwd=cli.folder,
-                           capture_output=True, text=True, timeout=600)
+    again = send(cli, queue, server, "--resend-in-doubt")
     assert again.returncode == 0, again.stderr
     final = server.accepted()
     assert sorted(final) == addresses(n)
@@ -200,8 +204,7 @@ def test_senders_killed_at_random_moments_lose_nothing_and_resend_only_when_aske
 def test_a_server_deferring_every_third_message_gets_each_once(cli, sink):
     server = sink("--defer-every", "3")
     queue = campaign_of(cli, 300)
-    done = subprocess.run(send_args(cli, queue, server), cwd=cli.folder, capture_output=True,
-                          text=True, timeout=300)
+    done = send(cli, queue, server)
     assert done.returncode == 0, done.stderr
     assert "sent 300, refused 0, failed 0, deferred 0" in done.stdout
     assert len(server.lines("DEFERRED")) == 100
@@ -245,16 +248,14 @@ def test_a_database_locked_past_the_busy_timeout_stops_send_before_anything_goes
     holder.start()
     try:
         assert locked.wait(10)
-        done = subprocess.run(send_args(cli, queue, server), cwd=cli.folder, capture_output=True,
-                              text=True, timeout=120)
+        done = send(cli, queue, server)
     finally:
         release.set()
         holder.join()
     assert done.returncode == 1
     assert "database is locked" in done.stderr
     assert server.accepted() == {}  # Nothing went out unclaimed.
-    again = subprocess.run(send_args(cli, queue, server), cwd=cli.folder, capture_output=True,
-                           text=True, timeout=120)
+    again = send(cli, queue, server)
     assert again.returncode == 0, again.stderr
     got = server.accepted()
     assert sorted(got) == addresses(50) and set(got.values()) == {1}
@@ -263,8 +264,7 @@ def test_a_database_locked_past_the_busy_timeout_stops_send_before_anything_goes
 def test_connections_share_the_work_and_are_capped_and_rate_limited(cli, sink):
     server = sink()
     queue = campaign_of(cli, 200)
-    done = subprocess.run(send_args(cli, queue, server, "--connections", "4"), cwd=cli.folder,
-                          capture_output=True, text=True, timeout=120)
+    done = send(cli, queue, server, "--connections", "4")
     assert done.returncode == 0, done.stderr
     per_session = collections.Counter(fields[1] for fields in server.lines("ACCEPTED"))
     assert len(server.lines("SESSION")) == 4 and len(per_session) == 4
@@ -276,9 +276,7 @@ def test_a_cap_per_connection_opens_new_connections(tmp_path, sink):
     cli.run("init")
     server = sink()
     queue = campaign_of(cli, 100)
-    done = subprocess.run(send_args(cli, queue, server, "--connections", "1", "--per-connection",
-                                    "10"), cwd=cli.folder, capture_output=True, text=True,
-                          timeout=120)
+    done = send(cli, queue, server, "--connections", "1", "--per-connection", "10")
     assert done.returncode == 0, done.stderr
     per_session = collections.Counter(fields[1] for fields in server.lines("ACCEPTED"))
     assert len(per_session) == 10 and set(per_session.values()) == {10}
@@ -289,8 +287,7 @@ def test_a_rate_limit_spaces_the_messages(tmp_path, sink):
     cli.run("init")
     server = sink()
     queue = campaign_of(cli, 21)
-    done = subprocess.run(send_args(cli, queue, server, "--rate", "20/s"), cwd=cli.folder,
-                          capture_output=True, text=True, timeout=120)
+    done = send(cli, queue, server, "--rate", "20/s")
     assert done.returncode == 0, done.stderr
     times = sorted(float(fields[2]) for fields in server.lines("ACCEPTED"))
     assert len(times) == 21
@@ -308,8 +305,7 @@ def test_bad_sending_options_are_refused_before_anything_is_sent(cli, sink, opti
                                                                  message):
     server = sink()
     queue = campaign_of(cli, 3)
-    done = subprocess.run(send_args(cli, queue, server, option, value), cwd=cli.folder,
-                          capture_output=True, text=True, timeout=60)
+    done = send(cli, queue, server, option, value)
     assert done.returncode == 1 and message in done.stderr
     assert server.accepted() == {}
 
@@ -353,8 +349,7 @@ def test_deferred_messages_of_a_long_queue_read_in_parts_are_each_sent_once(cli,
     # first part wait while the second is sent, then go out.
     server = sink("--defer-every", "1000")
     queue = campaign_of(cli, 9000)
-    done = subprocess.run(send_args(cli, queue, server), cwd=cli.folder, capture_output=True,
-                          text=True, timeout=600)
+    done = send(cli, queue, server)
     assert done.returncode == 0, done.stderr
     assert "sent 9000, refused 0, failed 0, deferred 0" in done.stdout
     assert len(server.lines("DEFERRED")) == 9
