@@ -161,6 +161,10 @@ class RecordingProxy:
                     line = self.request.recv(4096).split(b"\r\n")[0].decode("latin-1")
                 except OSError:
                     line = ""
+                if not line:
+                    # Chromium opens spare connections to its proxy ahead of
+                    # need; one that carries no request fetched nothing.
+                    return
                 target = line.split(" ")[1] if line.count(" ") >= 2 else line
                 host = re.sub(r"^[a-z]+://", "", target).split("/")[0].split(":")[0]
                 proxy.hosts.append(host)
