@@ -16,13 +16,16 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <thread>
+#include <tuple>
 
 #include "commands.h"
 #include "delivery/ledger.h"
@@ -38,6 +41,7 @@
 #include "platform/tcp_socket.h"
 #include "platform/tls_socket.h"
 #include "progress.h"
+#include "records/record.h"
 #include "send_engine.h"
 
 namespace quillo::cli {
@@ -226,13 +230,28 @@ std::string ResolveTemplate(const std::string& name, const std::string& folder) 
   return (std::filesystem::path(folder) / p).string();
 }
 
-bool AlreadySent(const Store& store, const QueuedMessage& m) {
-  return !store
-              .Scalar("SELECT RecID FROM dmsentitems WHERE CampaignRecID = '" +
-                          SqlQuote(m.campaign_id) + "' AND CampaignItemRecID = '" +
-                          SqlQuote(m.item_id) + "' AND Account = '" + SqlQuote(m.account) + "';",
-                      "RecID")
-              .IsEmpty();
+// The (campaign, item, client) keys of `messages` that the sent-item log
+// holds already, read in a few statements.
+std::set<std::tuple<std::string, std::string, std::string>> AlreadySent(
+    const Store& store, const std::vector<const QueuedMessage*>& messages) {
+  constexpr size_t kPerStatement = 500;
+  std::set<std::tuple<std::string, std::string, std::string>> sent;
+  for (size_t from = 0; from < messages.size(); from += kPerStatement) {
+    std::string sql =
+        "SELECT CampaignRecID, CampaignItemRecID, Account FROM dmsentitems WHERE Account IN (";
+    for (size_t i = from; i < std::min(messages.size(), from + kPerStatement); ++i) {
+      if (i > from) sql += ", ";
+      sql += '\'';
+      sql += SqlQuote(messages[i]->account);
+      sql += '\'';
+    }
+    sql += ");";
+    store.Query(sql, [&](const Row& r) {
+      sent.emplace(Trim(r.Text("CampaignRecID")), Trim(r.Text("CampaignItemRecID")),
+                   Trim(r.Text("Account")));
+    });
+  }
+  return sent;
 }
 
 std::string SubjectFor(const Store& store, const QueuedMessage& m) {
@@ -300,16 +319,16 @@ class StageClock {
 // What a send did, message by message.
 using Tally = SendTally;
 
-// Records an accepted message in the sent-item log, which is what keeps the
+// The sent-item log's row for an accepted message, which is what keeps the
 // campaign engine and a second send from repeating it.
-void LogSent(const Store& store, const QueuedMessage& m) {
+Dispatch SentItem(const Store& store, const QueuedMessage& m) {
   Dispatch log = store.NewRecord("dmsentitems");
   log.Put("Account", m.account);
   log.Put("CampaignItemRecID", m.item_id);
   log.Put("CampaignRecID", m.campaign_id);
   log.Put("HistoryRecID", m.history_id);
   log.Put("SentDate", Now());
-  Store::Save(log, "the sent-item log");
+  return log;
 }
 
 [[noreturn]] void Unreachable(const SmtpSettings& s, const std::string& why) {
@@ -548,6 +567,14 @@ class QueueSender {
       QueuedMessage m;
       while (messages_.size() < kChunk && reader_.Next(&m)) messages_.push_back(std::move(m));
       if (messages_.empty()) break;
+      // In key order, a group's rows sit together in the ledger's and the
+      // sent-item log's indexes: its commit writes a few pages of each
+      // instead of one page per message.
+      std::stable_sort(messages_.begin(), messages_.end(),
+                       [](const QueuedMessage& a, const QueuedMessage& b) {
+                         return std::tie(a.campaign_id, a.item_id, a.account) <
+                                std::tie(b.campaign_id, b.item_id, b.account);
+                       });
       std::vector<size_t> all(messages_.size());
       for (size_t i = 0; i < all.size(); ++i) all[i] = i;
       SendAll(all, {});
@@ -594,33 +621,50 @@ class QueueSender {
   };
 
   // Sends the messages at `indexes`, in groups; `attempts` holds the tries
-  // made so far in this run of those deferred before. While the connections
-  // send one group, this thread looks up the next (clients, subjects); the
-  // next group is claimed only once the outcomes of this one are written,
-  // so a crash leaves at most one group in doubt.
+  // made so far in this run of those deferred before. Each connection sends
+  // a group of its own. When one ends, its outcomes are written and its next
+  // group claimed in one transaction (with those of every other connection
+  // that ended meanwhile), while the others go on sending: so a crash leaves
+  // at most one group per connection in doubt. Between transactions this
+  // thread looks up the groups to come (clients, subjects).
   void SendAll(const std::vector<size_t>& indexes, const std::map<size_t, int>& attempts) {
-    const size_t group_size = kGroupSize * pool_.size();
-    Group next;
+    const size_t connections = pool_.size();
+    std::vector<Group> sending(connections);  // Each connection's group.
+    std::deque<Group> ready;                  // Looked up, not yet claimed.
     size_t start = 0;
-    auto prepare_next = [&] {
-      next = Prepare(indexes, start, std::min(indexes.size(), start + group_size), attempts);
-      start += group_size;
+    auto look_up = [&] {
+      while (ready.size() < connections && start < indexes.size()) {
+        const size_t to = std::min(indexes.size(), start + kGroupSize);
+        ready.push_back(Prepare(indexes, start, to, attempts));
+        start = to;
+      }
     };
-    prepare_next();
-    if (!next.indexes.empty()) {
-      clock_.Enter(Stage::kLookup);
-      ApplyClaims(next, ledger_->Claim(next.keys, o_.resend_in_doubt), attempts);
+    std::vector<size_t> idle(connections);
+    for (size_t c = 0; c < connections; ++c) idle[c] = c;
+    look_up();
+    for (;;) {
+      clock_.Enter(Stage::kLog);
+      RecordAndClaim(sending, idle, ready, attempts);
+      bool busy = false;
+      for (size_t c : idle) {
+        if (sending[c].indexes.empty()) continue;
+        pool_.Start(c, sending[c].to_send);
+        busy = true;
+      }
+      busy = busy || idle.size() < connections || start < indexes.size();
+      if (!busy) break;
+      look_up();
+      clock_.Enter(Stage::kDeliver);
+      idle = pool_.WaitAny();
+      // Connections without a group are idle too.
+      for (size_t c = 0; c < connections; ++c) {
+        if (sending[c].indexes.empty() && std::find(idle.begin(), idle.end(), c) == idle.end())
+          idle.push_back(c);
+      }
     }
-    while (!next.indexes.empty() || start < indexes.size()) {
-      Group current = std::move(next);
-      next = Group();
-      clock_.Enter(Stage::kDeliver);
-      pool_.Start(current.to_send);
-      if (pool_.Overlaps() && start < indexes.size()) prepare_next();
-      clock_.Enter(Stage::kDeliver);
-      pool_.Wait();
-      if (!pool_.Overlaps() && start < indexes.size()) prepare_next();
-      RecordGroup(current, next, attempts);
+    if (stop_now_) {
+      progress_.Finish();
+      Unreachable(settings_, stop_reason_);
     }
   }
 
@@ -632,10 +676,15 @@ class QueueSender {
     // A template's MAILACCOUNT lookup on a connection uses the database too.
     std::lock_guard<std::mutex> lock(*lookup_lock_);
     Group group;
+    std::vector<const QueuedMessage*> fresh;
+    for (size_t i = from; i < to; ++i) {
+      if (attempts.count(indexes[i]) == 0) fresh.push_back(&messages_[indexes[i]]);
+    }
+    const auto sent = AlreadySent(store_, fresh);
     for (size_t i = from; i < to; ++i) {
       const QueuedMessage& m = messages_[indexes[i]];
       const bool retry = attempts.count(indexes[i]) > 0;
-      if (!retry && AlreadySent(store_, m)) {
+      if (!retry && sent.count({Trim(m.campaign_id), Trim(m.item_id), Trim(m.account)}) > 0) {
         ++t_.skipped;
         Progressed(m);
         continue;
@@ -648,18 +697,24 @@ class QueueSender {
       group.indexes.push_back(indexes[i]);
       group.keys.push_back(KeyOf(m));
     }
+    std::vector<std::string> accounts;
+    for (size_t index : group.indexes) {
+      if (!suppressions_.Reason(messages_[index].email))
+        accounts.push_back(messages_[index].account);
+    }
+    auto clients = store_.LoadRecords("dmclients", accounts);
     group.jobs.resize(group.indexes.size());
     for (size_t g = 0; g < group.indexes.size(); ++g) {
       const QueuedMessage& m = messages_[group.indexes[g]];
       SendJob& job = group.jobs[g];
       job.message = &m;
       if (suppressions_.Reason(m.email)) continue;
-      try {
-        job.client = store_.LoadRecord("dmclients", m.account);
-      } catch (const CommandError& e) {
-        job.attempt.reason = e.what();
+      auto client = clients.find(Trim(m.account));
+      if (client == clients.end()) {
+        job.attempt.reason = "no dmclients row with key '" + m.account + "'";
         continue;
       }
+      job.client = client->second;
       job.subject = Subject(m);
     }
     return group;
@@ -716,30 +771,56 @@ class QueueSender {
     }
   }
 
-  // Writes the group's outcomes and claims the next group, in one
-  // transaction (one commit per group).
-  void RecordGroup(Group& group, Group& next, const std::map<size_t, int>& attempts) {
-    clock_.Enter(Stage::kLog);
-    bool stop_now = false;
-    std::vector<delivery::ClaimResult> claims;
+  // In one transaction (one commit): writes the outcomes of the groups the
+  // `idle` connections ended, and claims the next group of `ready` for each
+  // of them (none once the server is found unreachable). A connection whose
+  // new group has nothing to send gets the next one too, so a run of
+  // messages sent before costs no extra commits.
+  void RecordAndClaim(std::vector<Group>& sending, const std::vector<size_t>& idle,
+                      std::deque<Group>& ready, const std::map<size_t, int>& attempts) {
+    // A template's MAILACCOUNT lookup on a connection uses the database too.
+    std::lock_guard<std::mutex> lock(*lookup_lock_);
+    outcomes_.clear();
+    sent_items_.clear();
+    std::vector<std::vector<delivery::ClaimResult>> claims(sending.size());
+    std::vector<std::pair<Group, std::vector<delivery::ClaimResult>>> nothing_to_send;
     ledger_->Begin();
     try {
-      for (size_t g = 0; g < group.claimed.size(); ++g) {
-        if (!group.claimed[g]) continue;
-        Record(group.indexes[g], group.keys[g], group.jobs[g].attempt, attempts, &stop_now);
+      for (size_t c : idle) {
+        Group& group = sending[c];
+        for (size_t g = 0; g < group.claimed.size(); ++g) {
+          if (!group.claimed[g]) continue;
+          Record(group.indexes[g], group.keys[g], group.jobs[g].attempt, attempts, &stop_now_);
+        }
+        group = Group();
       }
-      // Nothing more is claimed once the server is found unreachable.
-      if (!stop_now && !next.indexes.empty())
-        claims = ledger_->ClaimInTransaction(next.keys, o_.resend_in_doubt);
+      ledger_->RecordAll(outcomes_);
+      std::vector<quillo::Record*> items;
+      for (const Dispatch& item : sent_items_)
+        items.push_back(dynamic_cast<quillo::Record*>(item.object().get()));
+      quillo::Record::InsertNew(items);
+      for (size_t c : idle) {
+        while (!stop_now_ && !ready.empty()) {
+          Group group = std::move(ready.front());
+          ready.pop_front();
+          auto results = ledger_->ClaimInTransaction(group.keys, o_.resend_in_doubt);
+          if (std::find(results.begin(), results.end(), delivery::ClaimResult::kClaimed) !=
+              results.end()) {
+            sending[c] = std::move(group);
+            claims[c] = std::move(results);
+            break;
+          }
+          nothing_to_send.emplace_back(std::move(group), std::move(results));
+        }
+      }
       ledger_->Commit();
     } catch (...) {
       ledger_->Rollback();
       throw;
     }
-    if (!claims.empty()) ApplyClaims(next, claims, attempts);
-    if (stop_now) {
-      progress_.Finish();
-      Unreachable(settings_, stop_reason_);
+    for (auto& [group, results] : nothing_to_send) ApplyClaims(group, results, attempts);
+    for (size_t c : idle) {
+      if (!sending[c].indexes.empty()) ApplyClaims(sending[c], claims[c], attempts);
     }
   }
 
@@ -750,7 +831,7 @@ class QueueSender {
     const bool retry = attempts.count(index) > 0;
     if (!retry) Progressed(m);
     if (a.suppressed) {
-      ledger_->Record(key, delivery::LedgerState::kSuppressed, a.reason);
+      outcomes_.push_back({key, delivery::LedgerState::kSuppressed, a.reason, {}});
       ++t_.suppressed;
       return;
     }
@@ -760,7 +841,7 @@ class QueueSender {
       if (stop_reason_.empty()) stop_reason_ = a.reason;
     }
     if (a.unreachable || a.reason.rfind("not attempted: ", 0) == 0) {
-      ledger_->Record(key, delivery::LedgerState::kFailed, a.reason);
+      outcomes_.push_back({key, delivery::LedgerState::kFailed, a.reason, {}});
       return;
     }
     const bool again = a.kind == smtp::OutcomeKind::kDeferred ||
@@ -771,8 +852,8 @@ class QueueSender {
       const auto due = std::chrono::steady_clock::now() + delay;
       if (due <= deadline_) {
         const long seconds = static_cast<long>((delay.count() + 999) / 1000);
-        ledger_->Record(key, delivery::LedgerState::kDeferred, a.reason,
-                        delivery::LedgerTime(seconds));
+        outcomes_.push_back(
+            {key, delivery::LedgerState::kDeferred, a.reason, delivery::LedgerTime(seconds)});
         retries_.push_back(
             {index, made, std::chrono::steady_clock::now() + std::chrono::seconds(seconds)});
         spdlog::debug("{}: {} {}; again in {} s", m.email, smtp::OutcomeName(a.kind), a.reason,
@@ -782,14 +863,15 @@ class QueueSender {
     }
     // Only the server's own refusal is final; ours (bad data) is tried again
     // by the next send, once the data is fixed.
-    ledger_->Record(key,
-                    a.kind == smtp::OutcomeKind::kRefused && !a.server_refused
-                        ? delivery::LedgerState::kFailed
-                        : LedgerStateOf(a.kind),
-                    a.reason);
+    outcomes_.push_back({key,
+                         a.kind == smtp::OutcomeKind::kRefused && !a.server_refused
+                             ? delivery::LedgerState::kFailed
+                             : LedgerStateOf(a.kind),
+                         a.reason,
+                         {}});
     switch (a.kind) {
       case smtp::OutcomeKind::kAccepted:
-        LogSent(store_, m);
+        sent_items_.push_back(SentItem(store_, m));
         ++t_.sent;
         break;
       case smtp::OutcomeKind::kDeferred:
@@ -824,7 +906,10 @@ class QueueSender {
   std::chrono::steady_clock::time_point deadline_;
   std::vector<Retry> retries_;
   std::shared_ptr<std::mutex> lookup_lock_;
-  std::map<std::string, std::string> subjects_;  // By item.
+  std::map<std::string, std::string> subjects_;    // By item.
+  std::vector<delivery::LedgerOutcome> outcomes_;  // Written together, in one transaction.
+  std::vector<Dispatch> sent_items_;               // Their sent-item log rows.
+  bool stop_now_ = false;                          // The server was found unreachable.
   Tally t_;
   long done_ = 0;
   bool stop_ = false;

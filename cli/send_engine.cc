@@ -74,7 +74,12 @@ void RateLimiter::Wait(const std::string& key) {
 
 ConnectionPool::ConnectionPool(std::vector<DeliverFunction> deliverers, double account_rate,
                                double domain_rate)
-    : deliverers_(std::move(deliverers)), account_limit_(account_rate), domain_limit_(domain_rate) {
+    : deliverers_(std::move(deliverers)),
+      account_limit_(account_rate),
+      domain_limit_(domain_rate),
+      work_ready_(deliverers_.size()),
+      jobs_(deliverers_.size(), nullptr),
+      ended_(deliverers_.size(), false) {
   if (deliverers_.size() > 1) {
     for (std::size_t i = 0; i < deliverers_.size(); ++i)
       threads_.emplace_back([this, i] { Work(i); });
@@ -86,7 +91,7 @@ ConnectionPool::~ConnectionPool() {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
-  work_ready_.notify_all();
+  for (std::condition_variable& ready : work_ready_) ready.notify_all();
   for (std::thread& t : threads_) t.join();
 }
 
@@ -96,38 +101,56 @@ void ConnectionPool::DeliverOne(std::size_t connection, SendJob& job) {
   job.attempt = deliverers_[connection](*job.message, job.client, job.subject);
 }
 
-void ConnectionPool::Start(const std::vector<SendJob*>& jobs) {
+void ConnectionPool::Start(std::size_t connection, const std::vector<SendJob*>& jobs) {
   std::lock_guard<std::mutex> lock(mutex_);
-  jobs_ = &jobs;
-  next_ = 0;
-  finished_ = 0;
-  if (!threads_.empty()) work_ready_.notify_all();
+  jobs_[connection] = &jobs;
+  ended_[connection] = false;
+  if (!threads_.empty()) work_ready_[connection].notify_one();
 }
 
-void ConnectionPool::Wait() {
+std::vector<std::size_t> ConnectionPool::WaitAny() {
   std::unique_lock<std::mutex> lock(mutex_);
-  if (!jobs_) return;
+  std::vector<std::size_t> ended;
   if (threads_.empty()) {
-    const std::vector<SendJob*>& jobs = *jobs_;
+    if (!jobs_[0]) return ended;
+    const std::vector<SendJob*>& jobs = *jobs_[0];
     lock.unlock();
     for (SendJob* job : jobs) DeliverOne(0, *job);
     lock.lock();
+    ended_[0] = true;
   } else {
-    work_done_.wait(lock, [&] { return finished_ == jobs_->size(); });
+    auto any_ended = [&] {
+      bool started = false;
+      for (std::size_t i = 0; i < jobs_.size(); ++i) {
+        if (!jobs_[i]) continue;
+        started = true;
+        if (ended_[i]) return true;
+      }
+      return !started;
+    };
+    work_done_.wait(lock, any_ended);
   }
-  jobs_ = nullptr;
+  for (std::size_t i = 0; i < jobs_.size(); ++i) {
+    if (jobs_[i] && ended_[i]) {
+      jobs_[i] = nullptr;
+      ended.push_back(i);
+    }
+  }
+  return ended;
 }
 
 void ConnectionPool::Work(std::size_t connection) {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    work_ready_.wait(lock, [&] { return stopping_ || (jobs_ && next_ < jobs_->size()); });
+    work_ready_[connection].wait(
+        lock, [&] { return stopping_ || (jobs_[connection] && !ended_[connection]); });
     if (stopping_) return;
-    SendJob& job = *(*jobs_)[next_++];
+    const std::vector<SendJob*>& jobs = *jobs_[connection];
     lock.unlock();
-    DeliverOne(connection, job);
+    for (SendJob* job : jobs) DeliverOne(connection, *job);
     lock.lock();
-    if (++finished_ == jobs_->size()) work_done_.notify_all();
+    ended_[connection] = true;
+    work_done_.notify_all();
   }
 }
 

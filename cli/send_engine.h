@@ -77,6 +77,9 @@ struct SendJob {
   Attempt attempt;
 };
 
+// Connections that each work through a list of jobs of their own, so the
+// caller can write one connection's outcomes (and give it its next jobs)
+// while the others go on sending.
 class ConnectionPool {
  public:
   // One connection per deliverer. With a single one the calling thread
@@ -90,17 +93,14 @@ class ConnectionPool {
 
   std::size_t size() const { return deliverers_.size(); }
 
-  // Starts delivering `jobs` (which must live until Wait returns), each on
-  // whichever connection is free, and returns at once when the connections
-  // have threads of their own, so the caller can prepare the next group
-  // meanwhile; with a single connection the work is done in Wait, on the
-  // calling thread.
-  void Start(const std::vector<SendJob*>& jobs);
-  // Returns when every job of the last Start has ended.
-  void Wait();
-
-  // Whether Start returns before the work is done.
-  bool Overlaps() const { return !threads_.empty(); }
+  // Gives connection `connection`, which must be idle, `jobs` (which must
+  // live until WaitAny has returned the connection) and returns at once;
+  // with a single connection the work is done in WaitAny, on the calling
+  // thread.
+  void Start(std::size_t connection, const std::vector<SendJob*>& jobs);
+  // Waits until a started connection has ended its jobs, and returns every
+  // one that has; they are idle again. Empty when none was started.
+  std::vector<std::size_t> WaitAny();
 
  private:
   void Work(std::size_t connection);
@@ -111,11 +111,11 @@ class ConnectionPool {
   RateLimiter domain_limit_;
   std::vector<std::thread> threads_;
   std::mutex mutex_;
-  std::condition_variable work_ready_;
+  std::vector<std::condition_variable> work_ready_;  // One per connection.
   std::condition_variable work_done_;
-  const std::vector<SendJob*>* jobs_ = nullptr;
-  std::size_t next_ = 0;      // The next job to take.
-  std::size_t finished_ = 0;  // Jobs ended in this round.
+  // Per connection: its jobs while started, and whether it has ended them.
+  std::vector<const std::vector<SendJob*>*> jobs_;
+  std::vector<bool> ended_;
   bool stopping_ = false;
 };
 

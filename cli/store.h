@@ -5,9 +5,11 @@
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "dispatch.h"
@@ -67,6 +69,11 @@ class Store {
 
   // Loads the record of `table` whose key is `key`; CommandError when none.
   Dispatch LoadRecord(std::string_view table, const std::string& key) const;
+
+  // The records of `table` whose keys are among `keys`, read in a few
+  // statements, by key as read (trimmed). A key with no row is absent.
+  std::unordered_map<std::string, Dispatch> LoadRecords(std::string_view table,
+                                                        std::span<const std::string> keys) const;
 
   // The RecID of the campaign named or keyed `name_or_id`.
   std::string FindCampaign(const std::string& name_or_id) const;

@@ -3,10 +3,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <ctime>
+#include <initializer_list>
+#include <set>
+#include <tuple>
 #include <utility>
 
 #include "mail/address.h"
@@ -21,6 +25,43 @@ constexpr const char* kStateNames[kLedgerStateCount] = {
     "claimed", "accepted", "deferred", "refused", "failed", "in-doubt", "suppressed"};
 
 std::string Quote(std::string_view text) { return SqlLiteral(text); }
+
+// Rows written by one statement: well inside every engine's limits.
+constexpr size_t kRowsPerStatement = 200;
+
+// Appends "(a, b, ...)": one row of a VALUES list, each value SQL already.
+void AppendRow(std::string& sql, std::initializer_list<std::string_view> values) {
+  sql += '(';
+  bool first = true;
+  for (std::string_view v : values) {
+    if (!first) sql += ", ";
+    first = false;
+    sql += v;
+  }
+  sql += ')';
+}
+
+// Runs `head` followed by rows 0 .. count-1 (each appended by `row(i, sql)`)
+// and `tail`, in statements of at most kRowsPerStatement rows; `run` runs
+// each statement.
+template <class AppendRowFn, class RunFn>
+void InsertInStatements(size_t count, std::string_view head, std::string_view tail, AppendRowFn row,
+                        RunFn run) {
+  for (size_t from = 0; from < count; from += kRowsPerStatement) {
+    std::string sql(head);
+    for (size_t i = from; i < std::min(count, from + kRowsPerStatement); ++i) {
+      if (i > from) sql += ", ";
+      row(i, sql);
+    }
+    sql += tail;
+    run(sql);
+  }
+}
+
+// A text value, or NULL when it is empty.
+std::string TextOrNull(std::string_view text) {
+  return text.empty() ? std::string("NULL") : SqlLiteral(text);
+}
 
 std::string KeyCondition(const MessageKey& key) {
   return "CampaignRecID = " + Quote(key.campaign_id) +
@@ -191,26 +232,45 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
   if (keys.empty()) return results;
   const std::string now = Quote(LedgerTime());
   const std::string worker = Quote(worker_);
+  // New messages first, many rows to a statement: the rows it made come
+  // back (RETURNING), and those keys are claimed. A key given twice is
+  // made once.
+  std::set<std::tuple<std::string, std::string, std::string>> made;
+  InsertInStatements(
+      keys.size(),
+      "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+      "Attempts, Worker, Updated, RunDate) VALUES ",
+      " ON CONFLICT DO NOTHING RETURNING CampaignRecID, CampaignItemRecID, Account",
+      [&](size_t i, std::string& sql) {
+        const MessageKey& key = keys[i];
+        AppendRow(sql, {Quote(key.campaign_id), Quote(key.item_id), Quote(key.client),
+                        Quote(key.email), "'claimed'", "0", worker, now, TextOrNull(key.run_date)});
+      },
+      [&](const std::string& sql) {
+        Recordset rs;
+        rs.Open(sql, connection_, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+        for (; !rs.Eof(); rs.MoveNext()) {
+          made.emplace(FieldText(rs, "CampaignRecID"), FieldText(rs, "CampaignItemRecID"),
+                       FieldText(rs, "Account"));
+        }
+        rs.Close();
+      });
+  // The rest were there already: free ones (due again) are claimed one by
+  // one, and the others say why not.
   std::string retryable = "State IN ('deferred', 'failed', 'suppressed'";
   if (resend_in_doubt) retryable += ", 'in-doubt'";
   retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + now + ")";
   for (size_t i = 0; i < keys.size(); ++i) {
     const MessageKey& key = keys[i];
-    long affected = 0;
-    connection_->Execute(
-        "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
-        "Attempts, Worker, Updated, RunDate) VALUES (" +
-            Quote(key.campaign_id) + ", " + Quote(key.item_id) + ", " + Quote(key.client) + ", " +
-            Quote(key.email) + ", 'claimed', 0, " + worker + ", " + now + ", " +
-            (key.run_date.empty() ? std::string("NULL") : Quote(key.run_date)) +
-            ") ON CONFLICT DO NOTHING",
-        &affected);
-    if (affected == 0) {
-      connection_->Execute("UPDATE quillo_deliveries SET State = 'claimed', Worker = " + worker +
-                               ", Updated = " + now + " WHERE " + KeyCondition(key) + " AND " +
-                               retryable,
-                           &affected);
+    if (made.erase({key.campaign_id, key.item_id, key.client}) > 0) {
+      results[i] = ClaimResult::kClaimed;
+      continue;
     }
+    long affected = 0;
+    connection_->Execute("UPDATE quillo_deliveries SET State = 'claimed', Worker = " + worker +
+                             ", Updated = " + now + " WHERE " + KeyCondition(key) + " AND " +
+                             retryable,
+                         &affected);
     if (affected > 0) {
       results[i] = ClaimResult::kClaimed;
       continue;
@@ -241,13 +301,31 @@ void Ledger::Rollback() {
 
 void Ledger::Record(const MessageKey& key, LedgerState state, std::string_view reply,
                     std::string_view next_attempt) {
-  std::string sql =
-      "UPDATE quillo_deliveries SET State = " + Quote(LedgerStateName(state)) +
-      ", Attempts = Attempts + 1, LastReply = " + Quote(reply.substr(0, 1000)) +
-      ", NextAttempt = " + (next_attempt.empty() ? std::string("NULL") : Quote(next_attempt)) +
-      ", Updated = " + Quote(LedgerTime()) + " WHERE " + KeyCondition(key) +
-      " AND Worker = " + Quote(worker_);
-  connection_->Execute(sql);
+  const LedgerOutcome outcome{key, state, std::string(reply), std::string(next_attempt)};
+  RecordAll({&outcome, 1});
+}
+
+void Ledger::RecordAll(std::span<const LedgerOutcome> outcomes) {
+  // Many rows to a statement: each row's new state goes onto the row this
+  // worker holds (a row another worker holds now is left alone).
+  const std::string now = Quote(LedgerTime());
+  const std::string worker = Quote(worker_);
+  InsertInStatements(
+      outcomes.size(),
+      "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+      "Attempts, LastReply, NextAttempt, Worker, Updated, RunDate) VALUES ",
+      " ON CONFLICT (CampaignRecID, CampaignItemRecID, Account) DO UPDATE SET State = "
+      "excluded.State, Attempts = quillo_deliveries.Attempts + 1, LastReply = "
+      "excluded.LastReply, NextAttempt = excluded.NextAttempt, Updated = excluded.Updated "
+      "WHERE quillo_deliveries.Worker = excluded.Worker",
+      [&](size_t i, std::string& sql) {
+        const LedgerOutcome& o = outcomes[i];
+        AppendRow(sql, {Quote(o.key.campaign_id), Quote(o.key.item_id), Quote(o.key.client),
+                        Quote(o.key.email), Quote(LedgerStateName(o.state)), "1",
+                        Quote(std::string_view(o.reply).substr(0, 1000)),
+                        TextOrNull(o.next_attempt), worker, now, TextOrNull(o.key.run_date)});
+      },
+      [&](const std::string& sql) { connection_->Execute(sql); });
 }
 
 std::vector<LedgerRow> Ledger::Rows(LedgerState state, const std::string& campaign_id) const {

@@ -76,6 +76,14 @@ enum class ClaimResult {
   kRefused,   // Refused by a server (5xx): final, never sent again.
 };
 
+// The outcome of one attempt, for Ledger::RecordAll.
+struct LedgerOutcome {
+  MessageKey key;
+  LedgerState state;
+  std::string reply;
+  std::string next_attempt;  // "yyyy-mm-dd hh:nn:ss" UTC, or empty.
+};
+
 // One ledger row, for reports.
 struct LedgerRow {
   MessageKey key;
@@ -143,6 +151,9 @@ class Ledger {
   // `next_attempt` ("yyyy-mm-dd hh:nn:ss" UTC) is when it may be tried again.
   void Record(const MessageKey& key, LedgerState state, std::string_view reply,
               std::string_view next_attempt = {});
+
+  // The same for many messages at once, in a few statements.
+  void RecordAll(std::span<const LedgerOutcome> outcomes);
 
   // Rows of `campaign_id` (every campaign when empty) in `state`, oldest first.
   std::vector<LedgerRow> Rows(LedgerState state, const std::string& campaign_id = {}) const;

@@ -86,7 +86,8 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
   delivery.recipient = client.Email();
   mail::TemplateDraft parsed;
   try {
-    parsed = mail::DraftFromTemplate(template_path, client, subject, default_account_.from);
+    parsed =
+        mail::DraftFromTemplate(template_path, client, subject, default_account_.from, &templates_);
   } catch (const std::exception& e) {
     delivery.outcome = NotSent(e.what());
     return delivery;
@@ -97,7 +98,8 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
     // The template chose another account: compose again with its mailbox, so
     // that its FRIENDLY and SENDER lines still apply on top of it.
     try {
-      parsed = mail::DraftFromTemplate(template_path, client, subject, channel.account.from);
+      parsed = mail::DraftFromTemplate(template_path, client, subject, channel.account.from,
+                                       &templates_);
     } catch (const std::exception& e) {
       delivery.outcome = NotSent(e.what());
       return delivery;

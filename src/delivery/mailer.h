@@ -36,6 +36,7 @@
 #include "mail/composer.h"
 #include "mail/dkim.h"
 #include "mail/draft.h"
+#include "mail/template_draft.h"
 #include "smtp/session.h"
 
 namespace quillo {
@@ -109,6 +110,7 @@ class Mailer {
   Account default_account_;
   AccountLookup lookup_;
   std::map<std::string, Channel> channels_;  // By account address; "" is the default.
+  mail::TemplateFiles templates_;            // Each template read once per Mailer.
 };
 
 }  // namespace delivery

@@ -269,29 +269,64 @@ TemplateDraft DraftFromText(std::string_view raw, std::string_view name, const d
   return result;
 }
 
-TemplateDraft DraftFromTemplate(const std::string& path, const dmclients& client,
-                                const std::string& subject, const Mailbox& from) {
-  std::string text;
+namespace {
+
+std::string ReadTemplate(const std::string& path, const char* what) {
   try {
-    text = ReadFileBytes(NativePath(path));
+    return ReadFileBytes(NativePath(path));
   } catch (const RuntimeError& e) {
-    throw TemplateError(path + ": cannot read the template: " + e.description);
+    throw TemplateError(path + ": cannot read the " + what + ": " + e.description);
   }
+}
+
+// The text twin's path of the HTML template at `path`, or "" when it has no
+// extension.
+std::string TwinPath(const std::string& path) {
+  if (path.rfind('.') == std::string::npos) return {};
+  return path.substr(0, path.rfind('.')) + ".txt";
+}
+
+}  // namespace
+
+const std::string& TemplateFiles::Text(const std::string& path) {
+  auto it = texts_.find(path);
+  if (it == texts_.end()) it = texts_.emplace(path, ReadTemplate(path, "template")).first;
+  return it->second;
+}
+
+const std::string* TemplateFiles::Twin(const std::string& path) {
+  auto it = twins_.find(path);
+  if (it == twins_.end()) {
+    std::optional<std::string> twin;
+    const std::string twin_path = TwinPath(path);
+    if (!twin_path.empty() && FileExists(NativePath(twin_path)))
+      twin = ReadTemplate(twin_path, "text template");
+    it = twins_.emplace(path, std::move(twin)).first;
+  }
+  return it->second ? &*it->second : nullptr;
+}
+
+TemplateDraft DraftFromTemplate(const std::string& path, const dmclients& client,
+                                const std::string& subject, const Mailbox& from,
+                                TemplateFiles* files) {
+  std::string read;
+  const std::string& text = files ? files->Text(path) : (read = ReadTemplate(path, "template"));
   TemplateDraft result = DraftFromText(text, path, client, subject, from);
   // An HTML template may have a text twin beside it (welcome.html and
   // welcome.txt): its body, personalised the same way, is the text part.
   if (result.draft.content_type == "text/html") {
-    std::string stem = path.substr(0, path.rfind('.'));
-    std::string twin = stem + ".txt";
-    if (path.rfind('.') != std::string::npos && FileExists(NativePath(twin))) {
-      std::string twin_text;
-      try {
-        twin_text = ReadFileBytes(NativePath(twin));
-      } catch (const RuntimeError& e) {
-        throw TemplateError(twin + ": cannot read the text template: " + e.description);
-      }
+    const std::string twin_path = TwinPath(path);
+    const std::string* twin = nullptr;
+    std::string twin_read;
+    if (files) {
+      twin = files->Twin(path);
+    } else if (!twin_path.empty() && FileExists(NativePath(twin_path))) {
+      twin_read = ReadTemplate(twin_path, "text template");
+      twin = &twin_read;
+    }
+    if (twin) {
       result.draft.text_alternative =
-          DraftFromText(twin_text, twin, client, subject, from).draft.body;
+          DraftFromText(*twin, twin_path, client, subject, from).draft.body;
     }
   }
   return result;

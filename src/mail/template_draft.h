@@ -29,6 +29,8 @@
 #ifndef QUILLO_MAIL_TEMPLATE_DRAFT_H_
 #define QUILLO_MAIL_TEMPLATE_DRAFT_H_
 
+#include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -52,10 +54,30 @@ struct TemplateDraft {
   std::string mail_account;  // The first MAILACCOUNT line's value, "" when none.
 };
 
+// Template files read once each: a sender that composes many messages from
+// one template reads its file (and an HTML template's text twin) once, not
+// once per message. A file changed afterwards is not read again.
+// Thread-safety: none; one per sending connection.
+class TemplateFiles {
+ public:
+  // The bytes of the file at `path`. Throws TemplateError when it cannot be
+  // read (and tries again at the next call).
+  const std::string& Text(const std::string& path);
+  // The bytes of the text twin of the HTML template at `path` (welcome.txt
+  // beside welcome.html), or null when there is none.
+  const std::string* Twin(const std::string& path);
+
+ private:
+  std::map<std::string, std::string> texts_;
+  std::map<std::string, std::optional<std::string>> twins_;
+};
+
 // The draft of the template at `path` for `client`. `from` is the sending
-// account's mailbox. Throws TemplateError (also for a file that cannot be read).
+// account's mailbox. Throws TemplateError (also for a file that cannot be
+// read). With `files`, the template's files are read through it.
 TemplateDraft DraftFromTemplate(const std::string& path, const dmclients& client,
-                                const std::string& subject, const Mailbox& from);
+                                const std::string& subject, const Mailbox& from,
+                                TemplateFiles* files = nullptr);
 
 // The same for template text in memory; `name` stands for the file in errors
 // and decides text/html (".htm", ".html") and where relative files are found.

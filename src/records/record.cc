@@ -1,5 +1,6 @@
 #include "records/record.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/database.h"
@@ -223,27 +224,7 @@ bool Record::SaveData() {
     } else {
       statement.Sql(table_->update_sql() + QuotedKey());
     }
-    for (size_t i = 0; i < columns.size(); ++i) {
-      if (i == key) continue;
-      const std::string& name = columns[i].sql_name;
-      switch (columns[i].type) {
-        case ColumnType::kText:
-          statement.SetString(name, TextAt(i));
-          break;
-        case ColumnType::kInteger:
-          statement.SetInteger(name, IntegerAt(i));
-          break;
-        case ColumnType::kLong:
-          statement.SetLong(name, LongAt(i));
-          break;
-        case ColumnType::kSingle:
-          statement.SetSingle(name, SingleAt(i));
-          break;
-        case ColumnType::kDate:
-          statement.SetTimeStamp(name, DateAt(i));
-          break;
-      }
-    }
+    SetColumns(statement);
     statement.Execute();
     sql_executed_.push_back(statement.LastSQLExecuted());
     if (statement.Error()) {
@@ -255,6 +236,68 @@ bool Record::SaveData() {
     result = false;
   }
   return result;
+}
+
+void Record::SetColumns(SQLStatement& statement) const {
+  const std::vector<Column>& columns = table_->columns();
+  for (size_t i = 0; i < columns.size(); ++i) {
+    if (i == table_->key()) continue;
+    const std::string& name = columns[i].sql_name;
+    switch (columns[i].type) {
+      case ColumnType::kText:
+        statement.SetString(name, TextAt(i));
+        break;
+      case ColumnType::kInteger:
+        statement.SetInteger(name, IntegerAt(i));
+        break;
+      case ColumnType::kLong:
+        statement.SetLong(name, LongAt(i));
+        break;
+      case ColumnType::kSingle:
+        statement.SetSingle(name, SingleAt(i));
+        break;
+      case ColumnType::kDate:
+        statement.SetTimeStamp(name, DateAt(i));
+        break;
+    }
+  }
+}
+
+void Record::InsertNew(std::span<Record* const> records) {
+  // Rows per statement: well inside every engine's limit on a statement's
+  // size and parameters.
+  constexpr size_t kRowsPerStatement = 200;
+  for (size_t from = 0; from < records.size(); from += kRowsPerStatement) {
+    const size_t to = std::min(records.size(), from + kRowsPerStatement);
+    const Record& first = *records[from];
+    if (!first.connection_) Raise(err::kObjectNotSet);
+    std::string sql;
+    for (size_t r = from; r < to; ++r) {
+      Record& record = *records[r];
+      if (record.table_ != first.table_ || record.connection_ != first.connection_) {
+        Raise(err::kInvalidProcedureCall);
+      }
+      const size_t key = record.table_->key();
+      record.values_[key] =
+          CallByName(record.id_generator_, "GetNextRecordID", CallKind::kMethod).ToString();
+      SQLStatement statement;
+      statement.Sql(record.table_->insert_sql());
+      statement.SetString(record.table_->columns()[key].sql_name, record.TextAt(key));
+      record.SetColumns(statement);
+      if (sql.empty()) {
+        const std::string& text = first.table_->insert_sql();  // "INSERT INTO t (?) VALUES (?);"
+        sql.assign(text, 0, text.find('?'));
+        sql += statement.FieldNames();
+        sql += ") VALUES ";
+      } else {
+        sql += ", ";
+      }
+      sql += '(';
+      sql += statement.FieldValues();
+      sql += ')';
+    }
+    first.connection_->Execute(sql);
+  }
 }
 
 void Record::Copy(const ObjectPtr& source) {

@@ -37,6 +37,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -50,6 +51,7 @@ namespace quillo {
 
 class Connection;
 class Recordset;
+class SQLStatement;
 class DOMDocument;
 class DOMNode;
 class GeneralUtilities;
@@ -176,6 +178,12 @@ class Record : public Object {
   // property held) when no row has the key, else updates it. Returns false
   // and sets Error/ErrorMessage on failure.
   bool SaveData();
+  // Inserts `records`, new rows of one table on one connection, each with a
+  // fresh key from its IDGenerator, in as few statements as the database
+  // takes (the same text per row as SaveData's insert). For many rows at
+  // once, inside the caller's transaction. Failures reach the caller: then
+  // some rows may be in, so the caller rolls back.
+  static void InsertNew(std::span<Record* const> records);
   // Copies every column property of `source`, key included, read by name.
   // Error 91 when `source` is null; 438 when it lacks a column property.
   void Copy(const ObjectPtr& source);
@@ -233,6 +241,9 @@ class Record : public Object {
   void StoreConverted(size_t index, const Variant& value, bool from_xml);
   // Builds the document; throws on failure.
   std::shared_ptr<DOMDocument> BuildDocument();
+  // Sets every column but the key on `statement`, each through the setter
+  // of its type.
+  void SetColumns(SQLStatement& statement) const;
   // The key between single quotes, as it stands, and ";".
   std::string QuotedKey() const;
 

@@ -68,21 +68,7 @@ std::string SQLStatement::Sql() const {
     if (at == std::string::npos) Raise(err::kInvalidProcedureCall);
     return text.substr(0, at) + list + text.substr(at + 1);
   };
-  if (kind_ == kInsert) {
-    std::string names;
-    std::string values;
-    if (fields_) {
-      for (const auto& f : *fields_) {
-        if (&f != &*fields_->begin()) {
-          names += ", ";
-          values += ", ";
-        }
-        names += f->FieldName();
-        values += f->FieldValue();
-      }
-    }
-    return replace_first(replace_first(template_, names), values);
-  }
+  if (kind_ == kInsert) return replace_first(replace_first(template_, FieldNames()), FieldValues());
   if (kind_ == kUpdate) {
     if (template_.find('?') == std::string::npos) return template_;
     std::string items;
@@ -97,6 +83,23 @@ std::string SQLStatement::Sql() const {
     return replace_first(template_, items);
   }
   return template_;
+}
+
+std::string SQLStatement::FieldNames() const { return JoinFields(true); }
+
+std::string SQLStatement::FieldValues() const { return JoinFields(false); }
+
+std::string SQLStatement::JoinFields(bool names) const {
+  std::string joined;
+  bool first = true;
+  if (fields_) {
+    for (const auto& f : *fields_) {
+      if (!first) joined += ", ";
+      first = false;
+      joined += names ? f->FieldName() : f->FieldValue();
+    }
+  }
+  return joined;
 }
 
 std::shared_ptr<::quillo::Connection> SQLStatement::Connection() {

@@ -61,6 +61,10 @@ class SQLStatement : public Object {
   void Sql(std::string_view template_text);
   // The finished SQL text. Raises 5 for an insert template without "?".
   std::string Sql() const;
+  // The field list's names, then its values, each joined by ", ": what an
+  // insert template's two "?" become.
+  std::string FieldNames() const;
+  std::string FieldValues() const;
   // The connection used by Execute and the recordset operations; an unopened
   // one is created on first use when none was set.
   std::shared_ptr<::quillo::Connection> Connection();
@@ -113,6 +117,8 @@ class SQLStatement : public Object {
 
  private:
   void SetFieldValue(std::string_view fld, std::string value);
+  // The field list's names (or values) joined by ", ".
+  std::string JoinFields(bool names) const;
   void SetLastError(long code);
   void ClearLastError();
   bool OpenRecordset(const std::shared_ptr<Recordset>& rs, long cursor_type);

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <thread>
@@ -75,6 +76,52 @@ TEST_P(LedgerTest, ANewMessageIsClaimedOnceOnly) {
   EXPECT_EQ(first.Claim(keys, false), std::vector<ClaimResult>(3, ClaimResult::kClaimed));
   EXPECT_EQ(second.Claim(keys, false), std::vector<ClaimResult>(3, ClaimResult::kBusy));
   EXPECT_EQ(first.Counts()[static_cast<int>(LedgerState::kClaimed)], 3);
+}
+
+TEST_P(LedgerTest, AGroupLargerThanOneStatementIsClaimedWholeAndAKeyGivenTwiceOnce) {
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(450);
+  keys.push_back(keys[7]);  // The same message twice in one group.
+  auto claims = ledger.Claim(keys, false);
+  ASSERT_EQ(claims.size(), 451u);
+  EXPECT_EQ(std::count(claims.begin(), claims.end(), ClaimResult::kClaimed), 450);
+  EXPECT_EQ(claims[7], ClaimResult::kClaimed);
+  EXPECT_EQ(claims[450], ClaimResult::kBusy);
+  EXPECT_EQ(ledger.Counts()[static_cast<int>(LedgerState::kClaimed)], 450);
+}
+
+TEST_P(LedgerTest, OutcomesOfAGroupAreWrittenTogetherOntoTheRowsThisWorkerHolds) {
+  Ledger ledger(connection_, "host-a:1");
+  Ledger other(db_->Open(), "host-b:2");
+  auto keys = Keys(430);
+  ledger.Claim({keys.data(), 420}, false);
+  other.Claim({keys.data() + 420, 10}, false);
+  std::vector<LedgerOutcome> outcomes;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    const LedgerState state = i % 3 == 0   ? LedgerState::kAccepted
+                              : i % 3 == 1 ? LedgerState::kDeferred
+                                           : LedgerState::kRefused;
+    outcomes.push_back({keys[i], state, "reply " + std::to_string(i),
+                        state == LedgerState::kDeferred ? LedgerTime(3600) : std::string()});
+  }
+  ledger.Begin();
+  ledger.RecordAll(outcomes);
+  ledger.Commit();
+  auto counts = ledger.Counts();
+  EXPECT_EQ(counts[static_cast<int>(LedgerState::kAccepted)], 140);
+  EXPECT_EQ(counts[static_cast<int>(LedgerState::kDeferred)], 140);
+  EXPECT_EQ(counts[static_cast<int>(LedgerState::kRefused)], 140);
+  // The ten rows the other worker holds are left as they were.
+  EXPECT_EQ(counts[static_cast<int>(LedgerState::kClaimed)], 10);
+  auto deferred = ledger.Rows(LedgerState::kDeferred);
+  ASSERT_EQ(deferred.size(), 140u);
+  EXPECT_EQ(deferred[0].attempts, 1);
+  EXPECT_FALSE(deferred[0].next_attempt.empty());
+  EXPECT_EQ(deferred[0].worker, "host-a:1");
+  EXPECT_EQ(deferred[0].last_reply.rfind("reply ", 0), 0u);
+  auto refused = ledger.Rows(LedgerState::kRefused);
+  ASSERT_EQ(refused.size(), 140u);
+  EXPECT_TRUE(refused[0].next_attempt.empty());
 }
 
 TEST_P(LedgerTest, AnAcceptedMessageIsNeverClaimedAgain) {

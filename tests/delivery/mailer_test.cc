@@ -53,6 +53,50 @@ TEST(Mailer, DeliversSeveralMessagesOverOneConnection) {
   EXPECT_NE(sessions[0].data.find("Hi Alan"), std::string::npos);
 }
 
+TEST(Mailer, ReadsATemplateOnceForAllItsMessages) {
+  ScriptedSmtpPeer peer;
+  quillo::testing::TempFolder folder;
+  std::string path =
+      WriteTemplate(folder, "t.txt", "[HEADER]\nReplace: FIRST\n[/HEADER]\nHi <!--FIRST-->\n");
+  Mailer mailer(AccountFor(peer, "news@example.test"));
+  Delivery first = mailer.Send(path, *Client("ada@example.test", "Ada"), "One");
+  // Changed after the first message: the run goes on with what it read.
+  WriteTemplate(folder, "t.txt", "[HEADER]\nReplace: FIRST\n[/HEADER]\nBye <!--FIRST-->\n");
+  Delivery second = mailer.Send(path, *Client("alan@example.test", "Alan"), "Two");
+  mailer.Close();
+  EXPECT_EQ(first.outcome.kind, smtp::OutcomeKind::kAccepted) << first.outcome.reason;
+  EXPECT_EQ(second.outcome.kind, smtp::OutcomeKind::kAccepted) << second.outcome.reason;
+  peer.WaitForSessions(1);
+  auto sessions = peer.Sessions();
+  ASSERT_EQ(sessions.size(), 1u);
+  EXPECT_NE(sessions[0].data.find("Hi Alan"), std::string::npos) << sessions[0].data;
+  EXPECT_EQ(sessions[0].data.find("Bye"), std::string::npos) << sessions[0].data;
+}
+
+TEST(TemplateFiles, ATemplateThatCannotBeReadIsTriedAgain) {
+  quillo::testing::TempFolder folder;
+  const std::string path = folder.path() + "/later.txt";
+  mail::TemplateFiles files;
+  EXPECT_THROW(files.Text(path), mail::TemplateError);
+  WriteTemplate(folder, "later.txt", "Hello\n");
+  EXPECT_EQ(files.Text(path), "Hello\n");
+}
+
+TEST(TemplateFiles, AnHtmlTemplatesTextTwinIsReadOnceAndANoTwinIsRemembered) {
+  quillo::testing::TempFolder folder;
+  const std::string html = WriteTemplate(folder, "w.html", "<p>Hi</p>\n");
+  const std::string lone = WriteTemplate(folder, "lone.html", "<p>Hi</p>\n");
+  WriteTemplate(folder, "w.txt", "Hi\n");
+  mail::TemplateFiles files;
+  ASSERT_NE(files.Twin(html), nullptr);
+  EXPECT_EQ(*files.Twin(html), "Hi\n");
+  WriteTemplate(folder, "w.txt", "Changed\n");
+  EXPECT_EQ(*files.Twin(html), "Hi\n");
+  EXPECT_EQ(files.Twin(lone), nullptr);
+  WriteTemplate(folder, "lone.txt", "Late\n");
+  EXPECT_EQ(files.Twin(lone), nullptr);
+}
+
 TEST(Mailer, AMailAccountLineSendsThroughThatAccount) {
   ScriptedSmtpPeer default_peer;
   ScriptedSmtpPeer other_peer;

@@ -137,6 +137,22 @@ def test_client_import_reads_every_csv_row(cli, tmp_path):
     assert sum(1 for i in range(25) if "c%d@example.test" % i in listing) == 25
 
 
+def test_keys_made_by_the_command_begin_with_the_time_they_were_made(cli, tmp_path):
+    # So that rows made one after another sit together in a key's index.
+    rows = ["email,first,last"] + ["k%d@example.test,K%d,Client" % (i, i) for i in range(50)]
+    (tmp_path / "clients.csv").write_text("\n".join(rows) + "\n")
+    before = int(time.time() * 1000)
+    cli.run("client", "import", str(tmp_path / "clients.csv"))
+    after = int(time.time() * 1000)
+    db = sqlite3.connect(str(cli.folder / "quillo.db"))
+    keys = [k for (k,) in db.execute("SELECT Account FROM dmclients")]
+    db.close()
+    assert len(keys) == 50 and len(set(keys)) == 50
+    for key in keys:
+        assert len(key) == 32 and all(c in "0123456789ABCDEF" for c in key), key
+        assert before <= int(key[:12], 16) <= after, key
+
+
 def test_run_queues_the_items_due_on_the_date(cli, tmp_path):
     welcome_campaign(cli)
     queue = tmp_path / "day0.txt"

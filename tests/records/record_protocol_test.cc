@@ -6,6 +6,7 @@
 #include <cmath>
 #include <memory>
 #include <regex>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -302,6 +303,47 @@ TEST_P(RecordProtocol, NewSaveLoadUpdateCopyXmlDelete) {
   auto untouched = NewRecord();
   untouched->Invoke(key_property, CallKind::kPut, {Variant(key)});
   ExpectSameColumns(*untouched, *gone);
+}
+
+TEST_P(RecordProtocol, InsertingManyNewRecordsAtOnceStoresEachWithAFreshKey) {
+  // More rows than one statement takes, so the insert spans statements.
+  constexpr int kCount = 450;
+  std::vector<std::shared_ptr<Record>> records;
+  std::vector<Record*> pointers;
+  // Keys that never repeat (the library's idgen may, within one second).
+  auto ids = std::make_shared<FixedIdGenerator>();
+  for (int i = 0; i < kCount; ++i) {
+    auto record = NewRecord();
+    record->IDGenerator(ids);
+    Fill(*record, i % 2);
+    record->Invoke(KeyProperty(*record), CallKind::kPut, {Variant("caller-key")});
+    records.push_back(record);
+    pointers.push_back(record.get());
+  }
+  Record::InsertNew(pointers);
+  EXPECT_EQ(Rows(), kCount);
+  std::set<std::string> keys;
+  for (const auto& record : records) {
+    const std::string key = record->Invoke(KeyProperty(*record), CallKind::kGet).ToString();
+    EXPECT_NE(key, "caller-key");
+    keys.insert(key);
+  }
+  EXPECT_EQ(keys.size(), static_cast<size_t>(kCount));
+  EXPECT_EQ(ids->calls(), kCount);
+  // Each row reads back as the record that was inserted, as after SaveData.
+  for (size_t i : {size_t{0}, size_t{199}, size_t{200}, size_t{kCount - 1}}) {
+    auto loaded = NewRecord();
+    loaded->Invoke(KeyProperty(*loaded), CallKind::kPut,
+                   {records[i]->Invoke(KeyProperty(*records[i]), CallKind::kGet)});
+    loaded->LoadData();
+    EXPECT_FALSE(loaded->Error()) << loaded->ErrorMessage();
+    ExpectSameColumns(*records[i], *loaded);
+  }
+}
+
+TEST_P(RecordProtocol, InsertingNoRecordsDoesNothing) {
+  Record::InsertNew({});
+  EXPECT_EQ(Rows(), 0);
 }
 
 TEST_P(RecordProtocol, SavingACopyUpdatesTheSourceRow) {
