@@ -17,6 +17,7 @@
 #include "mail/address.h"
 #include "platform/database.h"
 #include "platform/schema.h"
+#include "records/record.h"
 
 namespace quillo::cli {
 
@@ -227,15 +228,15 @@ std::unordered_map<std::string, Dispatch> Store::LoadRecords(
       sql += '\'';
     }
     sql += ");";
-    Dispatch rs = Dispatch::Create("Recordset");
-    rs.Call("Open", {sql, connection_.object(), std::int32_t{0}, std::int32_t{1}, std::int32_t{1}});
-    while (!rs.Get("EOF").ToBool()) {
+    auto rs = std::make_shared<Recordset>();
+    rs->Open(sql, database(), kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
+    for (; !rs->Eof(); rs->MoveNext()) {
       Dispatch record = NewRecord(table);
-      record.Call("LoadDataFromDS", {rs.object()});
-      records.emplace(Trim(record.Text(column)), std::move(record));
-      rs.Call("MoveNext");
+      auto* row = dynamic_cast<Record*>(record.object().get());
+      row->LoadDataFromDS(rs);
+      records.emplace(Trim(row->ColumnValue(row->Info().key()).ToString()), std::move(record));
     }
-    rs.Call("Close");
+    rs->Close();
   }
   return records;
 }

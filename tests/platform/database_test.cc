@@ -104,6 +104,19 @@ TEST(SqlShape, QueryLiteralsOutsideComparisonsStayInTheText) {
   EXPECT_EQ(shape.params.size(), 2u);
 }
 
+TEST(SqlShape, QueryLiteralsListedAfterInBecomeParameters) {
+  // So a lookup of many keys at once has one shape per list length.
+  db::Shape shape;
+  ASSERT_TRUE(db::ExtractShape(
+      "SELECT 'x', (a) FROM t WHERE k IN ('a', 'b''c') AND m NOT IN ('d') AND n = f('e', 'g')",
+      Dialect::kPostgres, &shape));
+  EXPECT_EQ(shape.text,
+            "SELECT 'x', (a) FROM t WHERE k IN ($1, $2) AND m NOT IN ($3) AND n = f('e', 'g')");
+  ASSERT_EQ(shape.params.size(), 3u);
+  EXPECT_EQ(shape.params[1].text, "b'c");
+  EXPECT_EQ(shape.params[2].text, "d");
+}
+
 TEST(SqlShape, TypedAndPrefixedLiteralsStayInTheText) {
   db::Shape shape;
   ASSERT_TRUE(

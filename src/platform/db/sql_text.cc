@@ -233,6 +233,10 @@ bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape) {
     while (k > 0 && IsIdentChar(shape->text[k - 1])) --k;
     return UCase(std::string_view(shape->text).substr(k, e - k));
   };
+  // The parenthesis depth, and the depth inside an "IN (" list (-1 when
+  // outside one): a literal listed there is compared too.
+  int depth = 0;
+  int list_depth = -1;
   size_t i = 0;
   while (i < sql.size()) {
     const char c = sql[i];
@@ -242,7 +246,8 @@ bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape) {
       // In a query a literal outside a comparison may name a result column
       // (SQLite names "SELECT 'x'" after its text), so only compared ones go.
       const char prev = last_significant();
-      const bool compared = prev == '=' || prev == '<' || prev == '>' || word == "LIKE";
+      const bool listed = depth == list_depth && (prev == '(' || prev == ',');
+      const bool compared = prev == '=' || prev == '<' || prev == '>' || word == "LIKE" || listed;
       if (glued || word == "TIMESTAMP" || word == "DATE" || word == "TIME" || word == "INTERVAL" ||
           (!writes && !compared)) {
         i = CopyQuoted(sql, i, &shape->text);
@@ -310,6 +315,13 @@ bool ExtractShape(std::string_view sql, Dialect dialect, Shape* shape) {
       placeholder();
       i = j;
     } else {
+      if (c == '(') {
+        if (list_depth < 0 && last_word() == "IN") list_depth = depth + 1;
+        ++depth;
+      } else if (c == ')') {
+        if (depth == list_depth) list_depth = -1;
+        --depth;
+      }
       shape->text.push_back(c);
       ++i;
     }
