@@ -639,28 +639,38 @@ class QueueSender {
         start = to;
       }
     };
+    std::vector<bool> running(connections, false);
+    auto any_running = [&] {
+      return std::find(running.begin(), running.end(), true) != running.end();
+    };
     std::vector<size_t> idle(connections);
     for (size_t c = 0; c < connections; ++c) idle[c] = c;
     look_up();
-    for (;;) {
-      clock_.Enter(Stage::kLog);
-      RecordAndClaim(sending, idle, ready, attempts);
-      bool busy = false;
-      for (size_t c : idle) {
-        if (sending[c].indexes.empty()) continue;
-        pool_.Start(c, sending[c].to_send);
-        busy = true;
+    try {
+      for (;;) {
+        clock_.Enter(Stage::kLog);
+        RecordAndClaim(sending, idle, ready, attempts);
+        for (size_t c : idle) {
+          if (sending[c].indexes.empty()) continue;
+          pool_.Start(c, sending[c].to_send);
+          running[c] = true;
+        }
+        if (!any_running() && (stop_now_ || (ready.empty() && start >= indexes.size()))) break;
+        look_up();
+        clock_.Enter(Stage::kDeliver);
+        for (size_t c : pool_.WaitAny()) running[c] = false;
+        idle.clear();
+        for (size_t c = 0; c < connections; ++c) {
+          if (!running[c]) idle.push_back(c);
+        }
       }
-      busy = busy || idle.size() < connections || start < indexes.size();
-      if (!busy) break;
-      look_up();
-      clock_.Enter(Stage::kDeliver);
-      idle = pool_.WaitAny();
-      // Connections without a group are idle too.
-      for (size_t c = 0; c < connections; ++c) {
-        if (sending[c].indexes.empty() && std::find(idle.begin(), idle.end(), c) == idle.end())
-          idle.push_back(c);
+    } catch (...) {
+      // The connections still sending use the groups here: let them end
+      // first. Their claims stay, and the next sender reports them in doubt.
+      while (any_running()) {
+        for (size_t c : pool_.WaitAny()) running[c] = false;
       }
+      throw;
     }
     if (stop_now_) {
       progress_.Finish();

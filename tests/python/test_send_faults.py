@@ -263,6 +263,40 @@ def test_a_database_locked_past_the_busy_timeout_stops_send_before_anything_goes
     assert sorted(got) == addresses(50) and set(got.values()) == {1}
 
 
+def test_a_database_locked_mid_send_stops_it_cleanly_while_other_connections_send(cli, sink):
+    server = sink()
+    n = 1000
+    queue = campaign_of(cli, n)
+    cli.db += ";busy_timeout=300"
+    # Slowed down so that the lock lands while the connections are sending.
+    p = subprocess.Popen(send_args(cli, queue, server, "--connections", "4", "--rate", "250/s"),
+                         cwd=cli.folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    while len(server.accepted()) < 100:
+        assert p.poll() is None
+        time.sleep(0.05)
+    db = sqlite3.connect(str(cli.folder / "quillo.db"), isolation_level=None)
+    db.execute("BEGIN EXCLUSIVE")
+    try:
+        out, err = p.communicate(timeout=60)
+    finally:
+        db.execute("ROLLBACK")
+        db.close()
+    # A clear error and an orderly end, not a crash.
+    assert p.returncode == 1, err
+    assert "database is locked" in err
+    first = server.accepted()
+    assert 100 <= len(first) < n and set(first.values()) == {1}
+    again = send(cli, queue, server)
+    assert again.returncode in (0, 3), again.stderr
+    got = server.accepted()
+    assert set(got.values()) == {1}  # Nothing went out twice.
+    states = ledger_states(cli)
+    # What the stopped send had on its way is in doubt; everything else went.
+    assert states.get("accepted", 0) + states.get("in-doubt", 0) == n
+    assert states.get("in-doubt", 0) <= 4 * 32
+    assert len(got) >= states["accepted"]
+
+
 def test_connections_share_the_work_and_are_capped_and_rate_limited(cli, sink):
     server = sink()
     queue = campaign_of(cli, 200)
