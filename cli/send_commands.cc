@@ -529,13 +529,14 @@ struct Retry {
 // Messages read from the queue at a time.
 constexpr size_t kChunk = 8192;
 
-// Sends the queue: each group of messages is claimed in the delivery ledger
-// before it is sent, and its outcomes are written, with the sent-item log of
-// the accepted ones, in one transaction after it. So two senders on one
-// database never send the same message, and a crash leaves at most one group
-// in doubt. The group goes out on all the pool's connections at once. A
-// message deferred (4xx) or cut off by a failing connection is tried again
-// after RetryDelay, within --retry-for of the start; a refusal (5xx) is final.
+// Sends the queue: each connection sends groups of messages, each group
+// claimed in the delivery ledger before it is sent; its outcomes are
+// written, with the sent-item log of the accepted ones and the claims of the
+// connection's next group, in one transaction after it. So two senders on
+// one database never send the same message, and a crash leaves at most one
+// group per connection in doubt. A message deferred (4xx) or cut off by a
+// failing connection is tried again after RetryDelay, within --retry-for of
+// the start; a refusal (5xx) is final.
 class QueueSender {
  public:
   QueueSender(const Store& store, QueueReader& reader, const SendOptions& o,

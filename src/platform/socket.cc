@@ -1,6 +1,9 @@
 // The socket-control interface: by-name members and event delivery.
 #include "platform/socket.h"
 
+#include <sys/socket.h>
+
+#include <cstring>
 #include <optional>
 #include <vector>
 
@@ -61,5 +64,15 @@ void SocketControl::RaiseError(int16_t number, const std::string& description, i
 
 void SocketControl::Register() { internal::RegisterSocket(this); }
 void SocketControl::Unregister() { internal::UnregisterSocket(this); }
+
+bool ConnectedToItself(int fd) {
+  sockaddr_storage local{}, peer{};
+  socklen_t local_len = sizeof local, peer_len = sizeof peer;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &local_len) != 0 ||
+      getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peer_len) != 0) {
+    return false;
+  }
+  return local_len == peer_len && std::memcmp(&local, &peer, local_len) == 0;
+}
 
 }  // namespace quillo

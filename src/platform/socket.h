@@ -113,6 +113,12 @@ class SocketControl : public Object {
 // The Scode that goes with a socket error number (0x800A0000 | number).
 int32_t SocketScode(int16_t number);
 
+// True when the connected TCP socket `fd` met itself: its local address and
+// port are its peer's. A connect to a loopback port where nothing listens can
+// end so (the system may pick that very port as the local one, and the
+// connection opens onto itself); nothing will ever answer on it.
+bool ConnectedToItself(int fd);
+
 }  // namespace quillo
 
 #endif  // QUILLO_PLATFORM_SOCKET_H_

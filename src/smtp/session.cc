@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "codec/base64.h"
+#include "platform/socket.h"
 
 namespace quillo::smtp {
 
@@ -139,6 +140,11 @@ class Session::Transport {
       getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len);
       if (error != 0) {
         why = std::strerror(error);
+        ::close(fd);
+        continue;
+      }
+      if (ConnectedToItself(fd)) {  // Nothing listens there: as if refused.
+        why = std::strerror(ECONNREFUSED);
         ::close(fd);
         continue;
       }
