@@ -326,6 +326,7 @@ void Session::Drop() {
   parser_.Reset();
   capabilities_ = Capabilities();
   messages_on_connection_ = 0;
+  transaction_open_ = false;
 }
 
 void Session::Close() {
@@ -651,18 +652,23 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   if (envelope.body_8bitmime) mail += " BODY=8BITMIME";
   if (utf8 || envelope.smtputf8) mail += " SMTPUTF8";
 
-  // RSET (between messages), MAIL and the RCPTs: in one write when the
-  // server pipelines, else one by one, stopping at a refused MAIL.
+  // RSET (only when the last transaction on this connection did not end),
+  // MAIL, the RCPTs and DATA: in one write when the server pipelines
+  // (RFC 2920 lets DATA end a group), else one by one, stopping at a
+  // refused MAIL and sending no DATA when every recipient was refused.
   std::vector<std::string> commands;
-  bool rset = messages_on_connection_ > 0;
+  const bool rset = transaction_open_;
   if (rset) commands.push_back("RSET");
   commands.push_back(mail);
   for (const std::string& r : to) commands.push_back("RCPT TO:<" + r + ">");
   const size_t first_mail = rset ? 1 : 0;
+  const bool pipelined = capabilities_.pipelining;
+  if (pipelined) commands.push_back("DATA");
   auto timeout_of = [&](size_t i) {
-    return i < first_mail    ? options_.timeouts.greeting
-           : i == first_mail ? options_.timeouts.mail
-                             : options_.timeouts.rcpt;
+    return i < first_mail                          ? options_.timeouts.greeting
+           : i == first_mail                       ? options_.timeouts.mail
+           : pipelined && i + 1 == commands.size() ? options_.timeouts.data_initiation
+                                                   : options_.timeouts.rcpt;
   };
   std::vector<Reply> replies;
   // A connection found broken before the message began is opened afresh once.
@@ -670,7 +676,8 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
     *retry = may_retry && !fresh && answered <= first_mail;
     return failure;
   };
-  if (capabilities_.pipelining) {
+  transaction_open_ = true;
+  if (pipelined) {
     std::string batch;
     for (const auto& c : commands) {
       Sent(c);
@@ -699,16 +706,32 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
     *retry = may_retry;
     return FromReply(closing ? "the server is closing the connection" : "RSET refused", replies[0]);
   }
+  // A pipelined DATA that the server took although the message cannot go
+  // (MAIL or every RCPT refused) is ended with a lone dot: nothing of the
+  // message is sent.
+  auto end_pipelined_data = [&]() {
+    if (!pipelined || replies.back().code != 354) return;
+    Reply ignored;
+    Outcome lost;
+    if (Write(".\r\n", options_.timeouts.data_block, &lost) &&
+        ReadReply(options_.timeouts.data_termination, &ignored, &lost)) {
+      transaction_open_ = false;
+    }
+  };
   const Reply& mail_reply = replies[first_mail];
   if (mail_reply.code == 421) {
     Drop();
     *retry = may_retry;
     return FromReply("the server is closing the connection", mail_reply);
   }
-  if (mail_reply.Class() != 2) return FromReply("MAIL FROM refused", mail_reply);
+  if (mail_reply.Class() != 2) {
+    end_pipelined_data();
+    return FromReply("MAIL FROM refused", mail_reply);
+  }
   const Reply* refused_rcpt = nullptr;
   size_t accepted = 0;
-  for (size_t i = first_mail + 1; i < replies.size(); ++i) {
+  const size_t rcpt_end = first_mail + 1 + to.size();
+  for (size_t i = first_mail + 1; i < std::min(rcpt_end, replies.size()); ++i) {
     if (replies[i].Class() == 2) {
       ++accepted;
     } else if (refused_rcpt == nullptr) {
@@ -716,12 +739,20 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
     }
   }
   if (accepted == 0) {
-    // No DATA when every recipient was refused.
+    // No message when every recipient was refused.
     Outcome o = FromReply("RCPT TO refused", *refused_rcpt);
-    if (o.code == 421) Drop();
+    if (o.code == 421) {
+      Drop();
+    } else {
+      end_pipelined_data();
+    }
     return o;
   }
-  if (!Command("DATA", options_.timeouts.data_initiation, &reply, &failure)) return failure;
+  if (pipelined) {
+    reply = replies.back();
+  } else if (!Command("DATA", options_.timeouts.data_initiation, &reply, &failure)) {
+    return failure;
+  }
   if (reply.code != 354) {
     Outcome o = FromReply("DATA refused", reply);
     if (o.code == 421) Drop();
@@ -730,6 +761,7 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   if (!Write(data_, options_.timeouts.data_block, &failure)) return failure;
   Reply final_reply;
   if (!ReadReply(options_.timeouts.data_termination, &final_reply, &failure)) return failure;
+  transaction_open_ = false;  // The end of the data ends the transaction, whatever the reply.
   if (final_reply.Class() != 2) {
     Outcome o = FromReply("message refused", final_reply);
     if (final_reply.code == 421) Drop();

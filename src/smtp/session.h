@@ -10,9 +10,10 @@
 // (RFC 6152) and SMTPUTF8 (RFC 6531) when offered and needed, converts
 // non-ASCII domains to A-labels (IDNA) when SMTPUTF8 is not offered,
 // dot-stuffs the data, and keeps the connection for the next message (RSET
-// in between; a new connection after a 421, a close, or the per-connection
-// cap). A closed connection is noticed as soon as a read returns nothing,
-// and every wait has a deadline (RFC 5321 section 4.5.3.2, overridable).
+// before it only when the last transaction did not end; a new connection
+// after a 421, a close, or the per-connection cap). A closed connection is
+// noticed as soon as a read returns nothing, and every wait has a deadline
+// (RFC 5321 section 4.5.3.2, overridable).
 //
 // Every Send ends in an Outcome: accepted (2xx), deferred (4xx), refused
 // (5xx, or refused here before anything was sent) or failed (the transport
@@ -135,9 +136,10 @@ class Session {
   const Capabilities& capabilities() const { return capabilities_; }
 
   // Delivers one message (CRLF lines, not dot-stuffed) to the envelope's
-  // recipients. Opens the session when needed, says RSET between messages,
-  // and opens a new connection once when the server answered 421 or had
-  // closed the connection before the message began.
+  // recipients. Opens the session when needed, says RSET first when the
+  // last transaction on the connection did not end, and opens a new
+  // connection once when the server answered 421 or had closed the
+  // connection before the message began.
   Outcome Send(const Envelope& envelope, std::string_view message);
 
   // Ends the session (QUIT) and closes the connection.
@@ -173,6 +175,9 @@ class Session {
   std::unique_ptr<Transport> transport_;
   ReplyParser parser_;
   std::size_t messages_on_connection_ = 0;
+  // A MAIL was sent and its transaction has not ended (by the reply to the
+  // end of the data, or an RSET): the next message starts with RSET.
+  bool transaction_open_ = false;
   std::vector<std::string> transcript_;
   std::string data_;  // The dot-stuffed data of the message being sent, reused.
 };

@@ -119,19 +119,83 @@ TEST(ModernSession, NoDataAfterEveryRecipientWasRefused) {
   EXPECT_FALSE(Has(peer.Sessions()[0].commands, "DATA"));
 }
 
-TEST(ModernSession, NoDataAfterEveryRecipientWasRefusedWhilePipelining) {
+PeerReplies Pipelining() {
   PeerReplies replies;
   replies.ehlo = "250-peer.test\r\n250-PIPELINING\r\n250 8BITMIME\r\n";
+  return replies;
+}
+
+TEST(ModernSession, PipeliningSendsMailRcptAndDataInOneGroup) {
+  std::string first_write;
+  ScriptedSmtpPeer peer([&](PeerConnection& c) {
+    PeerReplies replies = Pipelining();
+    c.Send(replies.greeting);
+    c.ReadLine();  // EHLO
+    c.Send(replies.ehlo);
+    // The whole group is there before any of it is answered.
+    std::vector<std::string> group;
+    for (int i = 0; i < 3; ++i) group.push_back(c.ReadLine().value_or(""));
+    first_write = group[0] + "|" + group[1] + "|" + group[2];
+    c.Send(replies.mail + replies.rcpt + replies.data);
+    c.ReadData();
+    c.Send(replies.after_data);
+    c.ReadLine();  // QUIT
+    c.Send(replies.quit);
+  });
+  Session session(Options(peer));
+  Outcome o = session.Send(To("ada@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(o.kind, OutcomeKind::kAccepted) << o.reason;
+  peer.WaitForSessions(1);
+  EXPECT_EQ(first_write, "MAIL FROM:<news@example.test>|RCPT TO:<ada@example.test>|DATA");
+}
+
+TEST(ModernSession, NothingOfTheMessageGoesWhenEveryPipelinedRecipientWasRefused) {
+  PeerReplies replies = Pipelining();
   replies.rcpt = "550 5.1.1 unknown\r\n";
+  replies.refuse_data_without_recipients = true;  // The pipelined DATA gets 554.
   ScriptedSmtpPeer peer(replies);
   Session session(Options(peer));
   Outcome o = session.Send(To("ada@example.test"), kMessage);
   session.Close();
   EXPECT_EQ(o.kind, OutcomeKind::kRefused);
-  EXPECT_TRUE(session.Transcript().end() ==
-              std::find(session.Transcript().begin(), session.Transcript().end(), "DATA"));
+  EXPECT_EQ(o.code, 550);  // The recipient's refusal decides, not DATA's.
   peer.WaitForSessions(1);
-  EXPECT_FALSE(Has(peer.Sessions()[0].commands, "DATA"));
+  EXPECT_EQ(peer.Sessions()[0].data, "");
+}
+
+TEST(ModernSession, APipelinedDataTakenWithoutRecipientsIsEndedWithALoneDot) {
+  // A server that answers 354 although it refused the only recipient.
+  std::vector<std::string> after_data;
+  ScriptedSmtpPeer peer([&](PeerConnection& c) {
+    PeerReplies replies = Pipelining();
+    c.Send(replies.greeting);
+    c.ReadLine();  // EHLO
+    c.Send(replies.ehlo);
+    for (int i = 0; i < 3; ++i) c.ReadLine();  // MAIL, RCPT, DATA
+    c.Send(replies.mail + "550 5.1.1 unknown\r\n" + replies.data);
+    auto dot = c.ReadLine();
+    after_data.push_back(dot.value_or("(none)"));
+    c.Send("554 5.5.1 Error: no valid recipients\r\n");
+    // The next message, on the same connection.
+    for (int i = 0; i < 3; ++i) c.ReadLine();  // MAIL, RCPT, DATA
+    c.Send(replies.mail + replies.rcpt + replies.data);
+    c.ReadData();
+    c.Send(replies.after_data);
+    c.ReadLine();  // QUIT
+    c.Send(replies.quit);
+  });
+  Session session(Options(peer));
+  Outcome refused = session.Send(To("ada@example.test"), kMessage);
+  Outcome next = session.Send(To("alan@example.test"), kMessage);
+  session.Close();
+  EXPECT_EQ(refused.kind, OutcomeKind::kRefused);
+  EXPECT_EQ(refused.code, 550);
+  EXPECT_EQ(next.kind, OutcomeKind::kAccepted) << next.reason;
+  peer.WaitForSessions(1);
+  ASSERT_EQ(after_data.size(), 1u);
+  EXPECT_EQ(after_data[0], ".");  // The dot alone: not a line of the message.
+  EXPECT_EQ(peer.connections(), 1);
 }
 
 TEST(ModernSession, DotStuffingKeepsLoneDotsAndLeadingDots) {
@@ -145,7 +209,7 @@ TEST(ModernSession, DotStuffingKeepsLoneDotsAndLeadingDots) {
   EXPECT_EQ(peer.Sessions()[0].data, "Subject: x\r\n\r\n..\r\n..x\r\nRCPT TO:<e@x>\r\n.\r\n");
 }
 
-TEST(ModernSession, SeveralMessagesShareOneConnectionWithRsetBetween) {
+TEST(ModernSession, MessagesShareOneConnectionWithoutRsetAfterAnEndedTransaction) {
   ScriptedSmtpPeer peer;
   Session session(Options(peer));
   for (int i = 0; i < 3; ++i) {
@@ -155,7 +219,45 @@ TEST(ModernSession, SeveralMessagesShareOneConnectionWithRsetBetween) {
   peer.WaitForSessions(1);
   EXPECT_EQ(peer.connections(), 1);
   const auto commands = peer.Sessions()[0].commands;
-  EXPECT_EQ(std::count(commands.begin(), commands.end(), "RSET"), 2);
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), "RSET"), 0);
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), "MAIL FROM:<news@example.test>"), 3);
+}
+
+TEST(ModernSession, AMessageAfterAnUnendedTransactionStartsWithRset) {
+  for (const PeerReplies& replies : {PeerReplies(), Pipelining()}) {
+    // Refuses ada, so her transaction ends without data; takes anyone else.
+    ScriptedSmtpPeer peer([&replies](PeerConnection& c) {
+      c.Send(replies.greeting);
+      bool recipient = false;
+      while (auto line = c.ReadLine()) {
+        if (line->rfind("EHLO", 0) == 0) c.Send(replies.ehlo);
+        if (line->rfind("MAIL", 0) == 0 || *line == "RSET") c.Send(replies.mail);
+        if (line->rfind("RCPT", 0) == 0) {
+          recipient = line->find("ada@") == std::string::npos;
+          c.Send(recipient ? replies.rcpt : "550 5.1.1 unknown\r\n");
+        }
+        if (*line == "DATA" && !recipient) c.Send("554 5.5.1 Error: no valid recipients\r\n");
+        if (*line == "DATA" && recipient) {
+          c.Send(replies.data);
+          c.ReadData();
+          c.Send(replies.after_data);
+        }
+        if (*line == "QUIT") return c.Send(replies.quit);
+      }
+    });
+    Session session(Options(peer));
+    EXPECT_EQ(session.Send(To("ada@example.test"), kMessage).kind, OutcomeKind::kRefused);
+    EXPECT_EQ(session.Send(To("alan@example.test"), kMessage).kind, OutcomeKind::kAccepted);
+    EXPECT_EQ(session.Send(To("grace@example.test"), kMessage).kind, OutcomeKind::kAccepted);
+    session.Close();
+    peer.WaitForSessions(1);
+    ASSERT_EQ(peer.connections(), 1);
+    const auto commands = peer.Sessions()[0].commands;
+    auto alan = std::find(commands.begin(), commands.end(), "RCPT TO:<alan@example.test>");
+    ASSERT_TRUE(alan - commands.begin() >= 2);
+    EXPECT_EQ(*(alan - 2), "RSET");  // Before alan's MAIL, and only there.
+    EXPECT_EQ(std::count(commands.begin(), commands.end(), "RSET"), 1);
+  }
 }
 
 TEST(ModernSession, TheCapOnMessagesPerConnectionOpensANewOne) {
@@ -183,12 +285,14 @@ TEST(ModernSession, A421MidRunIsFollowedByAReconnect) {
         auto line = c.ReadLine();
         if (!line) return;
         if (line->rfind("EHLO", 0) == 0) c.Send(replies.ehlo);
-        if (line->rfind("MAIL", 0) == 0) c.Send(replies.mail);
-        if (line->rfind("RCPT", 0) == 0) c.Send(replies.rcpt);
-        if (line->rfind("RSET", 0) == 0) {
-          c.Send("421 4.3.2 Service shutting down\r\n");
-          return;
+        if (line->rfind("MAIL", 0) == 0) {
+          if (messages == 1) {
+            c.Send("421 4.3.2 Service shutting down\r\n");
+            return;
+          }
+          c.Send(replies.mail);
         }
+        if (line->rfind("RCPT", 0) == 0) c.Send(replies.rcpt);
         if (*line == "DATA") {
           c.Send(replies.data);
           c.ReadData();

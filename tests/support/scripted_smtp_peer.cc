@@ -94,6 +94,7 @@ void PeerConnection::WaitForClose(std::chrono::milliseconds timeout) {
 void Respond(PeerConnection& c, const PeerReplies& replies) {
   c.Send(replies.greeting);
   if (replies.close_after_greeting) return;
+  int recipients = 0;  // Accepted in the open transaction.
   for (;;) {
     std::optional<std::string> line = c.ReadLine();
     if (!line) return;
@@ -109,9 +110,13 @@ void Respond(PeerConnection& c, const PeerReplies& replies) {
       if (!c.ReadLine()) return;
       c.Send(replies.auth_password);
     } else if (verb == "MAIL") {
+      recipients = 0;
       c.Send(replies.mail);
     } else if (verb == "RCPT") {
+      if (replies.rcpt[0] == '2') ++recipients;
       c.Send(replies.rcpt);
+    } else if (verb == "DATA" && recipients == 0 && replies.refuse_data_without_recipients) {
+      c.Send("554 5.5.1 Error: no valid recipients\r\n");
     } else if (verb == "DATA") {
       c.Send(replies.data);
       if (!c.ReadData()) return;

@@ -72,6 +72,9 @@ struct PeerReplies {
   std::string after_data = "250 2.0.0 Ok: queued\r\n";
   std::string quit = "221 2.0.0 Bye\r\n";
   bool close_after_greeting = false;  // Close right after the greeting.
+  // Answer DATA with 554 when no recipient of the transaction was accepted,
+  // as Postfix does; otherwise DATA always gets `data`.
+  bool refuse_data_without_recipients = false;
 };
 
 // The default script: a small SMTP server with the given replies.
