@@ -125,22 +125,39 @@ PeerReplies Pipelining() {
   return replies;
 }
 
+// Greets and answers EHLO offering PIPELINING.
+void GreetPipelining(PeerConnection& c) {
+  const PeerReplies replies = Pipelining();
+  c.Send(replies.greeting);
+  c.ReadLine();  // EHLO
+  c.Send(replies.ehlo);
+}
+
+// Reads a group of one MAIL, one RCPT and DATA before answering any of it,
+// takes the message, and returns the group's lines.
+std::vector<std::string> TakePipelinedMessage(PeerConnection& c) {
+  const PeerReplies replies = Pipelining();
+  std::vector<std::string> group;
+  for (int i = 0; i < 3; ++i) group.push_back(c.ReadLine().value_or(""));
+  c.Send(replies.mail + replies.rcpt + replies.data);
+  c.ReadData();
+  c.Send(replies.after_data);
+  return group;
+}
+
+void AnswerQuit(PeerConnection& c) {
+  c.ReadLine();
+  c.Send(PeerReplies().quit);
+}
+
 TEST(ModernSession, PipeliningSendsMailRcptAndDataInOneGroup) {
   std::string first_write;
   ScriptedSmtpPeer peer([&](PeerConnection& c) {
-    PeerReplies replies = Pipelining();
-    c.Send(replies.greeting);
-    c.ReadLine();  // EHLO
-    c.Send(replies.ehlo);
+    GreetPipelining(c);
     // The whole group is there before any of it is answered.
-    std::vector<std::string> group;
-    for (int i = 0; i < 3; ++i) group.push_back(c.ReadLine().value_or(""));
+    const std::vector<std::string> group = TakePipelinedMessage(c);
     first_write = group[0] + "|" + group[1] + "|" + group[2];
-    c.Send(replies.mail + replies.rcpt + replies.data);
-    c.ReadData();
-    c.Send(replies.after_data);
-    c.ReadLine();  // QUIT
-    c.Send(replies.quit);
+    AnswerQuit(c);
   });
   Session session(Options(peer));
   Outcome o = session.Send(To("ada@example.test"), kMessage);
@@ -168,22 +185,15 @@ TEST(ModernSession, APipelinedDataTakenWithoutRecipientsIsEndedWithALoneDot) {
   // A server that answers 354 although it refused the only recipient.
   std::vector<std::string> after_data;
   ScriptedSmtpPeer peer([&](PeerConnection& c) {
-    PeerReplies replies = Pipelining();
-    c.Send(replies.greeting);
-    c.ReadLine();  // EHLO
-    c.Send(replies.ehlo);
+    const PeerReplies replies = Pipelining();
+    GreetPipelining(c);
     for (int i = 0; i < 3; ++i) c.ReadLine();  // MAIL, RCPT, DATA
     c.Send(replies.mail + "550 5.1.1 unknown\r\n" + replies.data);
     auto dot = c.ReadLine();
     after_data.push_back(dot.value_or("(none)"));
     c.Send("554 5.5.1 Error: no valid recipients\r\n");
-    // The next message, on the same connection.
-    for (int i = 0; i < 3; ++i) c.ReadLine();  // MAIL, RCPT, DATA
-    c.Send(replies.mail + replies.rcpt + replies.data);
-    c.ReadData();
-    c.Send(replies.after_data);
-    c.ReadLine();  // QUIT
-    c.Send(replies.quit);
+    TakePipelinedMessage(c);  // The next message, on the same connection.
+    AnswerQuit(c);
   });
   Session session(Options(peer));
   Outcome refused = session.Send(To("ada@example.test"), kMessage);
