@@ -15,6 +15,7 @@
 
 #include "mail/address.h"
 #include "platform/database.h"
+#include "platform/db/backend.h"
 #include "platform/error.h"
 
 namespace quillo::delivery {
@@ -26,41 +27,38 @@ constexpr const char* kStateNames[kLedgerStateCount] = {
 
 std::string Quote(std::string_view text) { return SqlLiteral(text); }
 
-// Rows written by one statement: well inside every engine's limits.
-constexpr size_t kRowsPerStatement = 200;
+// Rows written by one statement at most. A write of n rows goes as
+// statements of 64, 32, ..., 1 rows (n's binary digits), so each kind of
+// write has only seven statement texts, each prepared once per connection.
+constexpr size_t kRowsPerStatement = 64;
 
-// Appends "(a, b, ...)": one row of a VALUES list, each value SQL already.
-void AppendRow(std::string& sql, std::initializer_list<std::string_view> values) {
-  sql += '(';
-  bool first = true;
-  for (std::string_view v : values) {
-    if (!first) sql += ", ";
-    first = false;
-    sql += v;
-  }
-  sql += ')';
-}
-
-// Runs `head` followed by rows 0 .. count-1 (each appended by `row(i, sql)`)
-// and `tail`, in statements of at most kRowsPerStatement rows; `run` runs
-// each statement.
-template <class AppendRowFn, class RunFn>
-void InsertInStatements(size_t count, std::string_view head, std::string_view tail, AppendRowFn row,
-                        RunFn run) {
-  for (size_t from = 0; from < count; from += kRowsPerStatement) {
-    std::string sql(head);
-    for (size_t i = from; i < std::min(count, from + kRowsPerStatement); ++i) {
+// Runs `head`, then `row` (one row's placeholders, "(?, ?, ...)") once per
+// row, then `tail`, for rows 0 .. count-1: `add(i, values)` appends row i's
+// values, and `run(sql, values)` runs each statement.
+template <class AddFn, class RunFn>
+void RunInStatements(size_t count, std::string_view head, std::string_view row,
+                     std::string_view tail, AddFn add, RunFn run) {
+  std::vector<db::BoundValue> values;
+  std::string sql;
+  for (size_t from = 0; from < count;) {
+    size_t n = kRowsPerStatement;
+    while (n > count - from) n /= 2;
+    sql.assign(head);
+    values.clear();
+    for (size_t i = from; i < from + n; ++i) {
       if (i > from) sql += ", ";
-      row(i, sql);
+      sql += row;
+      add(i, values);
     }
     sql += tail;
-    run(sql);
+    run(sql, values);
+    from += n;
   }
 }
 
 // A text value, or NULL when it is empty.
-std::string TextOrNull(std::string_view text) {
-  return text.empty() ? std::string("NULL") : SqlLiteral(text);
+db::BoundValue TextOrNull(std::string_view text) {
+  return text.empty() ? db::BoundValue() : db::BoundValue(text);
 }
 
 std::string KeyCondition(const MessageKey& key) {
@@ -230,36 +228,34 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
                                                     bool resend_in_doubt) {
   std::vector<ClaimResult> results(keys.size(), ClaimResult::kBusy);
   if (keys.empty()) return results;
-  const std::string now = Quote(LedgerTime());
-  const std::string worker = Quote(worker_);
+  const std::string now = LedgerTime();
   // New messages first, many rows to a statement: the rows it made come
   // back (RETURNING), and those keys are claimed. A key given twice is
   // made once.
   std::set<std::tuple<std::string, std::string, std::string>> made;
-  InsertInStatements(
+  db::TextRows rows;
+  RunInStatements(
       keys.size(),
       "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
       "Attempts, Worker, Updated, RunDate) VALUES ",
+      "(?, ?, ?, ?, 'claimed', 0, ?, ?, ?)",
       " ON CONFLICT DO NOTHING RETURNING CampaignRecID, CampaignItemRecID, Account",
-      [&](size_t i, std::string& sql) {
+      [&](size_t i, std::vector<db::BoundValue>& values) {
         const MessageKey& key = keys[i];
-        AppendRow(sql, {Quote(key.campaign_id), Quote(key.item_id), Quote(key.client),
-                        Quote(key.email), "'claimed'", "0", worker, now, TextOrNull(key.run_date)});
+        values.insert(values.end(), {key.campaign_id, key.item_id, key.client, key.email, worker_,
+                                     now, TextOrNull(key.run_date)});
       },
-      [&](const std::string& sql) {
-        Recordset rs;
-        rs.Open(sql, connection_, kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
-        for (; !rs.Eof(); rs.MoveNext()) {
-          made.emplace(FieldText(rs, "CampaignRecID"), FieldText(rs, "CampaignItemRecID"),
-                       FieldText(rs, "Account"));
-        }
-        rs.Close();
+      [&](const std::string& sql, std::span<const db::BoundValue> values) {
+        rows.clear();
+        connection_->Backend().Run(sql, values, &rows);
+        for (auto& row : rows)
+          made.emplace(std::move(row[0]), std::move(row[1]), std::move(row[2]));
       });
   // The rest were there already: free ones (due again) are claimed one by
   // one, and the others say why not.
   std::string retryable = "State IN ('deferred', 'failed', 'suppressed'";
   if (resend_in_doubt) retryable += ", 'in-doubt'";
-  retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + now + ")";
+  retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + Quote(now) + ")";
   for (size_t i = 0; i < keys.size(); ++i) {
     const MessageKey& key = keys[i];
     if (made.erase({key.campaign_id, key.item_id, key.client}) > 0) {
@@ -267,10 +263,10 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
       continue;
     }
     long affected = 0;
-    connection_->Execute("UPDATE quillo_deliveries SET State = 'claimed', Worker = " + worker +
-                             ", Updated = " + now + " WHERE " + KeyCondition(key) + " AND " +
-                             retryable,
-                         &affected);
+    connection_->Execute(
+        "UPDATE quillo_deliveries SET State = 'claimed', Worker = " + Quote(worker_) +
+            ", Updated = " + Quote(now) + " WHERE " + KeyCondition(key) + " AND " + retryable,
+        &affected);
     if (affected > 0) {
       results[i] = ClaimResult::kClaimed;
       continue;
@@ -287,9 +283,23 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
   return results;
 }
 
-void Ledger::Begin() { connection_->Execute(sqlite_ ? "BEGIN IMMEDIATE" : "BEGIN"); }
+// On SQLite, BEGIN and COMMIT go as statements prepared once: a sender
+// runs them for every group it records.
+void Ledger::Begin() {
+  if (sqlite_) {
+    connection_->Backend().Run("BEGIN IMMEDIATE", {});
+  } else {
+    connection_->Execute("BEGIN");
+  }
+}
 
-void Ledger::Commit() { connection_->Execute("COMMIT"); }
+void Ledger::Commit() {
+  if (sqlite_) {
+    connection_->Backend().Run("COMMIT", {});
+  } else {
+    connection_->Execute("COMMIT");
+  }
+}
 
 void Ledger::Rollback() {
   try {
@@ -308,24 +318,26 @@ void Ledger::Record(const MessageKey& key, LedgerState state, std::string_view r
 void Ledger::RecordAll(std::span<const LedgerOutcome> outcomes) {
   // Many rows to a statement: each row's new state goes onto the row this
   // worker holds (a row another worker holds now is left alone).
-  const std::string now = Quote(LedgerTime());
-  const std::string worker = Quote(worker_);
-  InsertInStatements(
+  const std::string now = LedgerTime();
+  RunInStatements(
       outcomes.size(),
       "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
       "Attempts, LastReply, NextAttempt, Worker, Updated, RunDate) VALUES ",
+      "(?, ?, ?, ?, ?, 1, ?, ?, ?, ?, ?)",
       " ON CONFLICT (CampaignRecID, CampaignItemRecID, Account) DO UPDATE SET State = "
       "excluded.State, Attempts = quillo_deliveries.Attempts + 1, LastReply = "
       "excluded.LastReply, NextAttempt = excluded.NextAttempt, Updated = excluded.Updated "
       "WHERE quillo_deliveries.Worker = excluded.Worker",
-      [&](size_t i, std::string& sql) {
+      [&](size_t i, std::vector<db::BoundValue>& values) {
         const LedgerOutcome& o = outcomes[i];
-        AppendRow(sql, {Quote(o.key.campaign_id), Quote(o.key.item_id), Quote(o.key.client),
-                        Quote(o.key.email), Quote(LedgerStateName(o.state)), "1",
-                        Quote(std::string_view(o.reply).substr(0, 1000)),
-                        TextOrNull(o.next_attempt), worker, now, TextOrNull(o.key.run_date)});
+        values.insert(values.end(),
+                      {o.key.campaign_id, o.key.item_id, o.key.client, o.key.email,
+                       LedgerStateName(o.state), std::string_view(o.reply).substr(0, 1000),
+                       TextOrNull(o.next_attempt), worker_, now, TextOrNull(o.key.run_date)});
       },
-      [&](const std::string& sql) { connection_->Execute(sql); });
+      [&](const std::string& sql, std::span<const db::BoundValue> values) {
+        connection_->Backend().Run(sql, values);
+      });
 }
 
 std::vector<LedgerRow> Ledger::Rows(LedgerState state, const std::string& campaign_id) const {

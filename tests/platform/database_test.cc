@@ -463,6 +463,68 @@ TEST_P(DatabaseEngineTest, SelectedLiteralsKeepTheirColumnNames) {
   EXPECT_EQ(rs.FieldValue("named"), Variant("y"));
 }
 
+TEST_P(DatabaseEngineTest, BoundStatementsTakeTheirValuesAsTheyAreAndGiveBackRows) {
+  conn_->Execute("CREATE TABLE t (k VARCHAR(10) PRIMARY KEY, v VARCHAR(40), n VARCHAR(5))");
+  db::Backend& engine = conn_->Backend();
+  // Quotes, a question mark and braces in a value are data, not SQL.
+  const std::string odd = "it's {d '2020-01-01'} ?";
+  const db::BoundValue values[] = {"a", odd, db::BoundValue(), "b", "two", "x"};
+  db::TextRows rows;
+  EXPECT_EQ(engine.Run("INSERT INTO t (k, v, n) VALUES (?, ?, ?), (?, ?, ?) RETURNING k, v, n",
+                       values, &rows),
+            2);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0], (std::vector<std::string>{"a", odd, ""}));
+  EXPECT_EQ(rows[1], (std::vector<std::string>{"b", "two", "x"}));
+  // The NULL went in as NULL, the text as it was.
+  Recordset rs;
+  rs.Open("SELECT v, n FROM t WHERE k = 'a'", conn_, kAdOpenStatic);
+  EXPECT_EQ(rs.FieldValue("v"), Variant(odd));
+  EXPECT_TRUE(rs.FieldValue("n").IsNull());
+  rs.Close();
+  // The same text runs again with other values (prepared once), and a
+  // conflict that changes nothing gives no rows.
+  const db::BoundValue again[] = {"a", "y", "z", "c", "three", db::BoundValue()};
+  rows.clear();
+  EXPECT_EQ(engine.Run("INSERT INTO t (k, v, n) VALUES (?, ?, ?), (?, ?, ?) ON CONFLICT DO "
+                       "NOTHING RETURNING k, v, n",
+                       again, &rows),
+            1);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0][0], "c");
+  const db::BoundValue key[] = {"a"};
+  EXPECT_EQ(engine.Run("UPDATE t SET n = 'u' WHERE k = ?", key), 1);
+  EXPECT_EQ(engine.Run("UPDATE t SET n = 'u' WHERE k = ?", key), 1);
+}
+
+TEST_P(DatabaseEngineTest, BoundStatementsReportTheEnginesErrorsAndWrongValueCounts) {
+  conn_->Execute("CREATE TABLE t (k VARCHAR(10) PRIMARY KEY)");
+  db::Backend& engine = conn_->Backend();
+  const db::BoundValue one[] = {"a"};
+  EXPECT_EQ(engine.Run("INSERT INTO t (k) VALUES (?)", one), 1);
+  try {
+    engine.Run("INSERT INTO t (k) VALUES (?)", one);
+    FAIL() << "no error";
+  } catch (const RuntimeError& e) {
+    if (GetParam() == Engine::kSqlite) {
+      EXPECT_EQ(e.number, 19);  // SQLITE_CONSTRAINT
+      EXPECT_NE(e.description.find("UNIQUE"), std::string::npos) << e.description;
+    } else {
+      EXPECT_EQ(e.number, db::PgErrorNumber("23505"));
+    }
+  }
+  const db::BoundValue two[] = {"b", "c"};
+  EXPECT_RUNTIME_ERROR(engine.Run("INSERT INTO t (k) VALUES (?)", two), err::kDbBadArguments);
+  EXPECT_RUNTIME_ERROR(engine.Run("INSERT INTO no_such_table (k) VALUES (?)", one),
+                       GetParam() == Engine::kSqlite ? 1 : db::PgErrorNumber("42P01"));
+  // The statement that failed runs again once its values fit.
+  const db::BoundValue fresh[] = {"d"};
+  EXPECT_EQ(engine.Run("INSERT INTO t (k) VALUES (?)", fresh), 1);
+  Recordset rs;
+  rs.Open("SELECT k FROM t ORDER BY k", conn_, kAdOpenStatic);
+  EXPECT_EQ(rs.RecordCount(), 2);
+}
+
 INSTANTIATE_TEST_SUITE_P(Engines, DatabaseEngineTest, testing_support::TestEngines(),
                          testing_support::EngineName);
 

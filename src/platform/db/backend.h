@@ -62,6 +62,12 @@ class ReadHold {
   virtual void LetGo() = 0;
 };
 
+// A value bound to a "?" placeholder: text, or SQL NULL when empty.
+using BoundValue = std::optional<std::string_view>;
+
+// The rows a statement gave, each column as text ("" for NULL).
+using TextRows = std::vector<std::vector<std::string>>;
+
 // One open database.
 class Backend {
  public:
@@ -83,6 +89,14 @@ class Backend {
   // Runs a query. With `stream` the rows may be read from the engine as the
   // cursor is walked; otherwise the cursor holds them all.
   virtual std::unique_ptr<Cursor> Query(std::string_view sql, bool stream) = 0;
+  // Runs one statement with "?" placeholders (outside quoted text) and
+  // `values` bound to them in order, as text. The text goes to the engine as
+  // it is (no escape rewrite, no literals taken out) and is prepared once
+  // and kept, so a writer that builds the same few statement texts pays no
+  // parsing per run. Returns the rows it changed; when `rows` is given, the
+  // rows it gave (RETURNING) are appended. Raises the engine's error.
+  virtual long Run(std::string_view sql, std::span<const BoundValue> values,
+                   TextRows* rows = nullptr) = 0;
 
  private:
   std::uint64_t serial_;

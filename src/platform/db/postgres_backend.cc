@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/database.h"
 #include "platform/db/sql_text.h"
 #include "platform/db/statement_cache.h"
 #include "platform/db/value_parse.h"
@@ -111,6 +112,29 @@ class PgCursor : public Cursor {
 
 void IgnoreNotice(void*, const char*) {}
 
+// `sql` with each "?" outside quoted text numbered for the server ($1, $2,
+// ...); their count goes to *count.
+std::string NumberPlaceholders(std::string_view sql, int* count) {
+  std::string text;
+  char quote = 0;
+  *count = 0;
+  for (char c : sql) {
+    if (quote) {
+      if (c == quote) quote = 0;
+      text.push_back(c);
+    } else if (c == '\'' || c == '"') {
+      quote = c;
+      text.push_back(c);
+    } else if (c == '?') {
+      text.push_back('$');
+      text.append(std::to_string(++*count));
+    } else {
+      text.push_back(c);
+    }
+  }
+  return text;
+}
+
 // A statement prepared on the server: its name and the parameter types it
 // was prepared with (one letter each).
 struct PgPrepared {
@@ -193,28 +217,52 @@ class PgBackend : public Backend {
     return std::make_unique<PgCursor>(Run(sql));
   }
 
+  long Run(std::string_view sql, std::span<const BoundValue> values, TextRows* rows) override {
+    EnsureConnected();
+    // Kept apart from the shapes: a shape is cached under its own text.
+    bound_key_.assign(1, '\x01');
+    bound_key_.append(sql);
+    PgPrepared* prepared = cache_.Find(bound_key_);
+    if (!prepared) {
+      int params = 0;
+      const std::string text = NumberPlaceholders(sql, &params);
+      std::string fresh = "quillo_r" + std::to_string(++counter_);
+      ResultPtr prep(PQprepare(conn_, fresh.c_str(), text.c_str(), 0, nullptr));
+      if (!Ok(prep.get())) Fail(prep.get());
+      prepared = cache_.Insert(bound_key_, PgPrepared{fresh, std::string(params, 't')});
+    }
+    if (prepared->kinds.size() != values.size()) {
+      Raise(err::kDbBadArguments, "The statement has " + std::to_string(prepared->kinds.size()) +
+                                      " placeholders for " + std::to_string(values.size()) +
+                                      " values.");
+    }
+    texts_.clear();
+    for (const BoundValue& v : values) texts_.emplace_back(v ? *v : std::string_view());
+    values_.clear();
+    for (size_t i = 0; i < values.size(); ++i)
+      values_.push_back(values[i] ? texts_[i].c_str() : nullptr);
+    ResultPtr r(PQexecPrepared(conn_, prepared->name.c_str(), static_cast<int>(values_.size()),
+                               values_.data(), nullptr, nullptr, 0));
+    if (!Ok(r.get())) Fail(r.get());
+    if (rows) {
+      const int columns = PQnfields(r.get());
+      for (int t = 0; t < PQntuples(r.get()); ++t) {
+        std::vector<std::string>& row = rows->emplace_back(columns);
+        for (int c = 0; c < columns; ++c) {
+          if (!PQgetisnull(r.get(), t, c)) row[c] = PQgetvalue(r.get(), t, c);
+        }
+      }
+    }
+    const char* tuples = PQcmdTuples(r.get());
+    return tuples && *tuples ? std::atol(tuples) : 0;
+  }
+
   std::unique_ptr<PreparedQuery> Prepare(std::string_view sql) override {
     if (PQstatus(conn_) != CONNECTION_OK || PQtransactionStatus(conn_) != PQTRANS_IDLE) {
       return nullptr;
     }
-    // "?" becomes $1, $2, ... (outside quoted text).
-    std::string text;
     int params = 0;
-    char quote = 0;
-    for (char c : sql) {
-      if (quote) {
-        if (c == quote) quote = 0;
-        text.push_back(c);
-      } else if (c == '\'' || c == '"') {
-        quote = c;
-        text.push_back(c);
-      } else if (c == '?') {
-        text.push_back('$');
-        text.append(std::to_string(++params));
-      } else {
-        text.push_back(c);
-      }
-    }
+    const std::string text = NumberPlaceholders(sql, &params);
     std::string name = "quillo_q" + std::to_string(++counter_);
     ResultPtr prep(PQprepare(conn_, name.c_str(), text.c_str(), 0, nullptr));
     if (!Ok(prep.get())) return nullptr;
@@ -348,6 +396,8 @@ class PgBackend : public Backend {
   std::shared_ptr<PgLink> link_;
   StatementCache<PgPrepared> cache_;
   Shape shape_;
+  std::string bound_key_;           // Run's cache key, reused.
+  std::vector<std::string> texts_;  // Run's values, NUL-terminated for libpq.
   std::vector<Oid> types_;
   std::vector<const char*> values_;
   long counter_ = 0;

@@ -292,6 +292,57 @@ class SqliteBackend : public Backend {
     return changed;
   }
 
+  long Run(std::string_view sql, std::span<const BoundValue> values, TextRows* rows) override {
+    if (hold_) hold_->LetGo();
+    // Kept apart from the shapes: a shape is cached under its own text.
+    bound_key_.assign(1, '\x01');
+    bound_key_.append(sql);
+    PreparedPtr p;
+    if (PreparedPtr* cached = cache_.Find(bound_key_); cached && !(*cached)->busy) {
+      p = *cached;
+    } else {
+      p = std::make_shared<Prepared>();
+      const int rc = sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()),
+                                        SQLITE_PREPARE_PERSISTENT, &p->stmt, nullptr);
+      if (rc != SQLITE_OK) Fail(rc);
+      if (!p->stmt) Raise(SQLITE_MISUSE, "The statement text holds no statement.");
+      if (!cached) cache_.Insert(bound_key_, p);
+    }
+    sqlite3_stmt* stmt = p->stmt;
+    if (sqlite3_bind_parameter_count(stmt) != static_cast<int>(values.size())) {
+      Raise(err::kDbBadArguments,
+            "The statement has " + std::to_string(sqlite3_bind_parameter_count(stmt)) +
+                " placeholders for " + std::to_string(values.size()) + " values.");
+    }
+    p->busy = true;
+    // The values outlive the run, so SQLite need not copy them.
+    int rc = SQLITE_OK;
+    for (size_t i = 0; i < values.size() && rc == SQLITE_OK; ++i) {
+      const int at = static_cast<int>(i) + 1;
+      rc = values[i] ? sqlite3_bind_text(stmt, at, values[i]->data(),
+                                         static_cast<int>(values[i]->size()), SQLITE_STATIC)
+                     : sqlite3_bind_null(stmt, at);
+    }
+    if (rc == SQLITE_OK) {
+      while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        if (!rows) continue;
+        std::vector<std::string>& row = rows->emplace_back(sqlite3_column_count(stmt));
+        for (size_t i = 0; i < row.size(); ++i) {
+          const int at = static_cast<int>(i);
+          const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, at));
+          if (text) row[i].assign(text, static_cast<size_t>(sqlite3_column_bytes(stmt, at)));
+        }
+      }
+    }
+    const long code = sqlite3_errcode(db_) & 0xff;
+    const std::string message = rc == SQLITE_DONE ? std::string() : sqlite3_errmsg(db_);
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    p->busy = false;
+    if (rc != SQLITE_DONE) Raise(code ? code : rc & 0xff, message);
+    return static_cast<long>(sqlite3_changes(db_));
+  }
+
   std::unique_ptr<PreparedQuery> Prepare(std::string_view sql) override {
     sqlite3_stmt* stmt = nullptr;
     const char* tail = nullptr;
@@ -388,6 +439,7 @@ class SqliteBackend : public Backend {
   sqlite3* db_;
   StatementCache<PreparedPtr> cache_;
   Shape shape_;
+  std::string bound_key_;            // Run's cache key, reused.
   std::shared_ptr<HoldState> hold_;  // Made by the first HoldRead.
 };
 
@@ -418,6 +470,10 @@ std::unique_ptr<Backend> OpenSqlite(std::string_view target) {
   }
   sqlite3_busy_timeout(db, busy_ms);
   sqlite3_exec(db, "PRAGMA foreign_keys = OFF", nullptr, nullptr, nullptr);
+  // Statement journals and the temporary tables of RETURNING and ORDER BY
+  // stay in memory: a write of many rows at once otherwise spills them to a
+  // file under /var/tmp, a write per page.
+  sqlite3_exec(db, "PRAGMA temp_store = MEMORY", nullptr, nullptr, nullptr);
   if (path != ":memory:" && !path.empty() && (flags & SQLITE_OPEN_READWRITE)) {
     sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
   }
