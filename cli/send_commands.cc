@@ -340,8 +340,10 @@ Dispatch SentItem(const Store& store, const QueuedMessage& m) {
 // message, the outcome read from the client's transcript.
 DeliverFunction CompatDeliverer(const Store& store, SmtpSettings settings, const SendOptions& o) {
   if (settings.timeout <= 0) settings.timeout = 60;
-  return [&store, settings, &o](const QueuedMessage& m, const Dispatch& client,
-                                const std::string& subject) {
+  return [&store, settings, &o](const SendJob& job, const SendJob* /*next*/) {
+    const QueuedMessage& m = *job.message;
+    const Dispatch& client = job.client;
+    const std::string& subject = job.subject;
     Attempt a;
     Dispatch smtp = NewClient(settings);
     Dispatch message = Dispatch::Create("dmMessage");
@@ -461,10 +463,9 @@ DeliverFunction ModernDeliverer(const ModernSetup& setup, const SendOptions& o,
   keep = std::make_shared<delivery::Mailer>(setup.account, setup.lookup);
   auto mailer = keep;
   const std::string key = setup.key, base = setup.base, domain = setup.domain;
-  return [mailer, delivered_any, &o, key, base, domain](
-             const QueuedMessage& m, const Dispatch& client, const std::string& subject) {
-    Attempt a;
-    auto* record = dynamic_cast<dmclients*>(client.object().get());
+  auto prepare = [mailer, &o, key, base, domain](const SendJob& job) {
+    const QueuedMessage& m = *job.message;
+    auto* record = dynamic_cast<dmclients*>(job.client.object().get());
     delivery::ListHeaders list;
     list.list_id = "\"" + m.campaign_name + "\" <" + LCase(m.campaign_id) + "." +
                    (domain.empty() ? std::string("quillo.invalid") : domain) + ">";
@@ -474,8 +475,28 @@ DeliverFunction ModernDeliverer(const ModernSetup& setup, const SendOptions& o,
     }
     if (!o.verp.empty())
       list.return_path = delivery::VerpAddress(key, o.verp, m.account, m.campaign_id);
-    delivery::Delivery d =
-        mailer->Send(ResolveTemplate(m.message_file, o.templates), *record, subject, list);
+    return mailer->Prepare(ResolveTemplate(m.message_file, o.templates), *record, job.subject,
+                           list);
+  };
+  // The next message, composed while this one went, so that its commands
+  // could go with the end of this one's data.
+  struct Ahead {
+    const SendJob* job = nullptr;
+    delivery::Letter letter;
+  };
+  auto ahead = std::make_shared<Ahead>();
+  return [mailer, delivered_any, prepare, ahead](const SendJob& job, const SendJob* next) {
+    delivery::Letter letter =
+        ahead->job == &job && ahead->letter.ready ? std::move(ahead->letter) : prepare(job);
+    ahead->job = nullptr;
+    const delivery::Letter* following = nullptr;
+    if (next) {
+      ahead->letter = prepare(*next);
+      ahead->job = next;
+      following = &ahead->letter;
+    }
+    delivery::Delivery d = mailer->Deliver(letter, following);
+    Attempt a;
     a.kind = d.outcome.kind;
     a.reason = d.outcome.reason;
     a.server_refused = d.outcome.kind == smtp::OutcomeKind::kRefused && d.outcome.code >= 500;

@@ -77,6 +77,7 @@ ConnectionPool::ConnectionPool(std::vector<DeliverFunction> deliverers, double a
     : deliverers_(std::move(deliverers)),
       account_limit_(account_rate),
       domain_limit_(domain_rate),
+      one_at_a_time_(account_rate > 0 || domain_rate > 0),
       work_ready_(deliverers_.size()),
       jobs_(deliverers_.size(), nullptr),
       ended_(deliverers_.size(), false) {
@@ -95,10 +96,14 @@ ConnectionPool::~ConnectionPool() {
   for (std::thread& t : threads_) t.join();
 }
 
-void ConnectionPool::DeliverOne(std::size_t connection, SendJob& job) {
-  account_limit_.Wait("");
-  domain_limit_.Wait(LCase(mail::DomainOf(job.message->email)));
-  job.attempt = deliverers_[connection](*job.message, job.client, job.subject);
+void ConnectionPool::DeliverAll(std::size_t connection, const std::vector<SendJob*>& jobs) {
+  for (std::size_t i = 0; i < jobs.size(); ++i) {
+    SendJob& job = *jobs[i];
+    account_limit_.Wait("");
+    domain_limit_.Wait(LCase(mail::DomainOf(job.message->email)));
+    const SendJob* next = !one_at_a_time_ && i + 1 < jobs.size() ? jobs[i + 1] : nullptr;
+    job.attempt = deliverers_[connection](job, next);
+  }
 }
 
 void ConnectionPool::Start(std::size_t connection, const std::vector<SendJob*>& jobs) {
@@ -115,7 +120,7 @@ std::vector<std::size_t> ConnectionPool::WaitAny() {
     if (!jobs_[0]) return ended;
     const std::vector<SendJob*>& jobs = *jobs_[0];
     lock.unlock();
-    for (SendJob* job : jobs) DeliverOne(0, *job);
+    DeliverAll(0, jobs);
     lock.lock();
     ended_[0] = true;
   } else {
@@ -147,7 +152,7 @@ void ConnectionPool::Work(std::size_t connection) {
     if (stopping_) return;
     const std::vector<SendJob*>& jobs = *jobs_[connection];
     lock.unlock();
-    for (SendJob* job : jobs) DeliverOne(connection, *job);
+    DeliverAll(connection, jobs);
     lock.lock();
     ended_[connection] = true;
     work_done_.notify_all();

@@ -38,9 +38,13 @@ struct Attempt {
   bool server_refused = false;
 };
 
-// Delivers one queued message to its client with a subject.
-using DeliverFunction = std::function<Attempt(const QueuedMessage& m, const Dispatch& client,
-                                              const std::string& subject)>;
+struct SendJob;
+
+// Delivers one claimed message (`job`: the queued message, its client and
+// subject). `next` is the message the same connection sends right after it,
+// which a deliverer may begin early (see smtp::Session::Send); null when
+// none follows, or when messages must go one at a time (a rate limit).
+using DeliverFunction = std::function<Attempt(const SendJob& job, const SendJob* next)>;
 
 // Messages per second in "50/s", "3000/m", "100000/h" or "50"; 0 for "0"
 // (no limit). Throws CommandError naming `option`.
@@ -104,11 +108,13 @@ class ConnectionPool {
 
  private:
   void Work(std::size_t connection);
-  void DeliverOne(std::size_t connection, SendJob& job);
+  // Delivers `jobs` in order on `connection`.
+  void DeliverAll(std::size_t connection, const std::vector<SendJob*>& jobs);
 
   std::vector<DeliverFunction> deliverers_;
   RateLimiter account_limit_;
   RateLimiter domain_limit_;
+  bool one_at_a_time_;  // A rate limit spaces every message: none is begun early.
   std::vector<std::thread> threads_;
   std::mutex mutex_;
   std::vector<std::condition_variable> work_ready_;  // One per connection.

@@ -82,7 +82,14 @@ void ApplyList(mail::Draft& draft, const ListHeaders& list) {
 
 Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
                       const std::string& subject, const ListHeaders& list) {
-  Delivery delivery;
+  Letter letter = Prepare(template_path, client, subject, list);
+  return Deliver(letter);
+}
+
+Letter Mailer::Prepare(const std::string& template_path, const dmclients& client,
+                       const std::string& subject, const ListHeaders& list) {
+  Letter letter;
+  Delivery& delivery = letter.delivery;
   delivery.recipient = client.Email();
   mail::TemplateDraft parsed;
   try {
@@ -90,7 +97,7 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
         mail::DraftFromTemplate(template_path, client, subject, default_account_.from, &templates_);
   } catch (const std::exception& e) {
     delivery.outcome = NotSent(e.what());
-    return delivery;
+    return letter;
   }
   Channel& channel = ChannelFor(parsed.mail_account);
   if (!parsed.mail_account.empty() &&
@@ -102,7 +109,7 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
                                        &templates_);
     } catch (const std::exception& e) {
       delivery.outcome = NotSent(e.what());
-      return delivery;
+      return letter;
     }
   }
   ApplyList(parsed.draft, list);
@@ -111,7 +118,7 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
     if (opened.kind != smtp::OutcomeKind::kAccepted) {
       delivery.outcome = std::move(opened);
       delivery.transport_failed = true;
-      return delivery;
+      return letter;
     }
     channel.open = true;
   }
@@ -124,7 +131,7 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
     composed = mail::Compose(parsed.draft, features);
   } catch (const std::exception& e) {
     delivery.outcome = NotSent(e.what());
-    return delivery;
+    return letter;
   }
   if (channel.account.dkim) {
     try {
@@ -132,16 +139,29 @@ Delivery Mailer::Send(const std::string& template_path, const dmclients& client,
           0, mail::DkimSignature(*channel.account.dkim, composed.data, std::time(nullptr)));
     } catch (const std::exception& e) {
       delivery.outcome = NotSent(e.what());
-      return delivery;
+      return letter;
     }
   }
   delivery.message_id = composed.message_id;
-  smtp::Envelope envelope;
-  envelope.from = list.return_path.empty() ? parsed.draft.from.address : list.return_path;
-  envelope.to.push_back(parsed.draft.to.address);
-  envelope.body_8bitmime = composed.needs_8bitmime;
-  envelope.smtputf8 = composed.needs_smtputf8;
-  delivery.outcome = channel.session->Send(envelope, composed.data);
+  letter.envelope.from = list.return_path.empty() ? parsed.draft.from.address : list.return_path;
+  letter.envelope.to.push_back(parsed.draft.to.address);
+  letter.envelope.body_8bitmime = composed.needs_8bitmime;
+  letter.envelope.smtputf8 = composed.needs_smtputf8;
+  letter.data = std::move(composed.data);
+  letter.session = channel.session.get();
+  letter.ready = true;
+  return letter;
+}
+
+Delivery Mailer::Deliver(Letter& letter, const Letter* next) {
+  if (!letter.ready) return letter.delivery;
+  Delivery& delivery = letter.delivery;
+  if (next && next->ready && next->session == letter.session) {
+    delivery.outcome =
+        letter.session->Send(letter.envelope, letter.data, &next->envelope, next->data);
+  } else {
+    delivery.outcome = letter.session->Send(letter.envelope, letter.data);
+  }
   // Content the server will not take is refused; a failure here is the
   // connection's (lost, timed out, a malformed reply), worth another try.
   delivery.transport_failed = delivery.outcome.kind == smtp::OutcomeKind::kFailed;

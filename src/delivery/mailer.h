@@ -77,6 +77,17 @@ struct ListHeaders {
   std::string return_path;         // The envelope sender (a VERP address); empty: From.
 };
 
+// A message composed for its client and ready to go (`ready`), or why it
+// cannot (`delivery.outcome`; nothing is sent). Valid with the Mailer that
+// prepared it.
+struct Letter {
+  Delivery delivery;
+  bool ready = false;
+  smtp::Session* session = nullptr;  // The session of the account it goes from.
+  smtp::Envelope envelope;
+  std::string data;
+};
+
 class Mailer {
  public:
   explicit Mailer(Account default_account, AccountLookup lookup = {});
@@ -88,6 +99,15 @@ class Mailer {
   // `subject` too, and delivers it to the client's e-mail address.
   Delivery Send(const std::string& template_path, const dmclients& client,
                 const std::string& subject, const ListHeaders& list = {});
+
+  // Send in two steps, so that a run of messages can be pipelined: Prepare
+  // composes (opening the account's session to learn what it offers), and
+  // Deliver sends. When `next` is a ready letter from the same account, its
+  // MAIL, RCPT and DATA go with the end of this one's data (see
+  // smtp::Session::Send); the next Deliver must then be `next`.
+  Letter Prepare(const std::string& template_path, const dmclients& client,
+                 const std::string& subject, const ListHeaders& list = {});
+  Delivery Deliver(Letter& letter, const Letter* next = nullptr);
 
   // The message Send would compose for a server that offers `features`,
   // without connecting. Throws mail::TemplateError or mail::ComposeError.

@@ -327,10 +327,18 @@ void Session::Drop() {
   capabilities_ = Capabilities();
   messages_on_connection_ = 0;
   transaction_open_ = false;
+  announced_.reset();
 }
 
 void Session::Close() {
   if (!transport_) return;
+  if (announced_) {
+    // The next message's DATA may have been taken: a QUIT now would be read
+    // as its data, so the connection is closed without one, which leaves
+    // that transaction unended and so undelivered.
+    Drop();
+    return;
+  }
   Reply reply;
   Outcome ignored;
   Command("QUIT", std::min(options_.timeouts.greeting, std::chrono::seconds(5)), &reply, &ignored);
@@ -558,7 +566,10 @@ Outcome Session::Authenticate() {
   return Make(OutcomeKind::kAccepted, "authenticated");
 }
 
-Outcome Session::Send(const Envelope& envelope, std::string_view message) {
+namespace {
+
+// Why `envelope` cannot be sent at all, whatever the server; empty when it can.
+std::optional<Outcome> EnvelopeProblem(const Envelope& envelope) {
   // Nothing from the data may become a command.
   std::vector<std::string> paths;
   paths.push_back(envelope.from);
@@ -571,26 +582,35 @@ Outcome Session::Send(const Envelope& envelope, std::string_view message) {
     }
   }
   if (envelope.to.empty()) return Make(OutcomeKind::kRefused, "not sent: no recipient");
+  return std::nullopt;
+}
+
+bool SameEnvelope(const Envelope& a, const Envelope& b) {
+  return a.from == b.from && a.to == b.to && a.body_8bitmime == b.body_8bitmime &&
+         a.smtputf8 == b.smtputf8;
+}
+
+}  // namespace
+
+Outcome Session::Send(const Envelope& envelope, std::string_view message) {
+  return Send(envelope, message, nullptr, {});
+}
+
+Outcome Session::Send(const Envelope& envelope, std::string_view message, const Envelope* next,
+                      std::string_view next_message) {
+  if (auto problem = EnvelopeProblem(envelope)) {
+    if (announced_) Drop();  // Its group went for this message: nothing else may use it.
+    return *problem;
+  }
+  if (next && EnvelopeProblem(*next)) next = nullptr;
   bool retry = false;
-  Outcome o = SendOnce(envelope, message, &retry);
-  if (retry) o = SendOnce(envelope, message, &retry);
+  Outcome o = SendOnce(envelope, message, next, next_message, &retry);
+  if (retry) o = SendOnce(envelope, message, next, next_message, &retry);
   return o;
 }
 
-Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bool* retry) {
-  bool may_retry = !*retry;
-  *retry = false;
-  if (transport_ && options_.max_messages_per_connection > 0 &&
-      messages_on_connection_ >= options_.max_messages_per_connection) {
-    Close();
-  }
-  bool fresh = !transport_;
-  if (fresh) {
-    Outcome o = Open();
-    if (o.kind != OutcomeKind::kAccepted) return o;
-  }
-  Reply reply;
-  Outcome failure;
+std::optional<Outcome> Session::Build(const Envelope& envelope, std::string_view message,
+                                      std::vector<std::string>* commands, std::string* data) {
   // The addresses as the server can take them.
   bool utf8 = capabilities_.smtputf8 && (envelope.smtputf8 || !IsAscii(envelope.from));
   auto wire_address = [&](const std::string& address, std::string* out) -> std::string {
@@ -632,17 +652,17 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   }
 
   // The data, dot-stuffed, ending with CRLF "." CRLF.
-  data_.clear();
-  data_.reserve(message.size() + message.size() / 64 + 8);
+  data->clear();
+  data->reserve(message.size() + message.size() / 64 + 8);
   bool line_start = true;
   for (char c : message) {
-    if (line_start && c == '.') data_ += '.';
-    data_ += c;
+    if (line_start && c == '.') *data += '.';
+    *data += c;
     line_start = c == '\n';
   }
-  if (!line_start) data_ += "\r\n";
-  data_ += ".\r\n";
-  if (capabilities_.max_size > 0 && data_.size() > capabilities_.max_size) {
+  if (!line_start) *data += "\r\n";
+  *data += ".\r\n";
+  if (capabilities_.max_size > 0 && data->size() > capabilities_.max_size) {
     return Make(OutcomeKind::kRefused,
                 "not sent: the message is larger than the server's SIZE limit");
   }
@@ -651,19 +671,48 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   if (capabilities_.size) mail += " SIZE=" + std::to_string(message.size());
   if (envelope.body_8bitmime) mail += " BODY=8BITMIME";
   if (utf8 || envelope.smtputf8) mail += " SMTPUTF8";
+  commands->clear();
+  commands->push_back(mail);
+  for (const std::string& r : to) commands->push_back("RCPT TO:<" + r + ">");
+  if (capabilities_.pipelining) commands->push_back("DATA");
+  return std::nullopt;
+}
+
+Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, const Envelope* next,
+                          std::string_view next_message, bool* retry) {
+  bool may_retry = !*retry;
+  *retry = false;
+  // This message's MAIL, RCPT and DATA went with the end of the last one.
+  const bool announced = announced_ && transport_ && SameEnvelope(announced_->envelope, envelope) &&
+                         announced_->size == message.size();
+  if (announced_ && !announced) Drop();  // A group for another message: its DATA may be open.
+  announced_.reset();
+  if (!announced && transport_ && options_.max_messages_per_connection > 0 &&
+      messages_on_connection_ >= options_.max_messages_per_connection) {
+    Close();
+  }
+  bool fresh = !transport_;
+  if (fresh) {
+    Outcome o = Open();
+    if (o.kind != OutcomeKind::kAccepted) return o;
+  }
+  Reply reply;
+  Outcome failure;
+  std::vector<std::string> commands;
+  if (auto refused = Build(envelope, message, &commands, &data_)) {
+    if (announced) Drop();  // The server holds a group this message will not use.
+    return *refused;
+  }
 
   // RSET (only when the last transaction on this connection did not end),
   // MAIL, the RCPTs and DATA: in one write when the server pipelines
   // (RFC 2920 lets DATA end a group), else one by one, stopping at a
   // refused MAIL and sending no DATA when every recipient was refused.
-  std::vector<std::string> commands;
-  const bool rset = transaction_open_;
-  if (rset) commands.push_back("RSET");
-  commands.push_back(mail);
-  for (const std::string& r : to) commands.push_back("RCPT TO:<" + r + ">");
+  const bool rset = transaction_open_ && !announced;
+  if (rset) commands.insert(commands.begin(), "RSET");
   const size_t first_mail = rset ? 1 : 0;
+  const size_t to_count = envelope.to.size();
   const bool pipelined = capabilities_.pipelining;
-  if (pipelined) commands.push_back("DATA");
   auto timeout_of = [&](size_t i) {
     return i < first_mail                          ? options_.timeouts.greeting
            : i == first_mail                       ? options_.timeouts.mail
@@ -678,13 +727,15 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   };
   transaction_open_ = true;
   if (pipelined) {
-    std::string batch;
-    for (const auto& c : commands) {
-      Sent(c);
-      batch += c;
-      batch += "\r\n";
+    if (!announced) {
+      std::string batch;
+      for (const auto& c : commands) {
+        Sent(c);
+        batch += c;
+        batch += "\r\n";
+      }
+      if (!Write(batch, options_.timeouts.mail, &failure)) return broken_early(0);
     }
-    if (!Write(batch, options_.timeouts.mail, &failure)) return broken_early(0);
     for (size_t i = 0; i < commands.size(); ++i) {
       Reply r;
       if (!ReadReply(timeout_of(i), &r, &failure)) return broken_early(i);
@@ -730,7 +781,7 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
   }
   const Reply* refused_rcpt = nullptr;
   size_t accepted = 0;
-  const size_t rcpt_end = first_mail + 1 + to.size();
+  const size_t rcpt_end = first_mail + 1 + to_count;
   for (size_t i = first_mail + 1; i < std::min(rcpt_end, replies.size()); ++i) {
     if (replies[i].Class() == 2) {
       ++accepted;
@@ -758,10 +809,31 @@ Outcome Session::SendOnce(const Envelope& envelope, std::string_view message, bo
     if (o.code == 421) Drop();
     return o;
   }
+  // The next message's MAIL, RCPT and DATA may follow the end of the data
+  // in the same write (RFC 2920 lets the data begin a group): one round
+  // trip a message on a busy connection. Only when the next message may use
+  // this connection and can go to this server.
+  std::optional<Announced> announce;
+  if (next && pipelined &&
+      (options_.max_messages_per_connection == 0 ||
+       messages_on_connection_ < options_.max_messages_per_connection)) {
+    std::vector<std::string> next_commands;
+    if (!Build(*next, next_message, &next_commands, &next_data_)) {
+      for (const std::string& c : next_commands) {
+        Sent(c);
+        data_ += c;
+        data_ += "\r\n";
+      }
+      announce = Announced{*next, next_message.size()};
+    }
+  }
   if (!Write(data_, options_.timeouts.data_block, &failure)) return failure;
+  announced_ = std::move(announce);
   Reply final_reply;
   if (!ReadReply(options_.timeouts.data_termination, &final_reply, &failure)) return failure;
-  transaction_open_ = false;  // The end of the data ends the transaction, whatever the reply.
+  // The end of the data ends the transaction, whatever the reply; an
+  // announced next message began one.
+  transaction_open_ = announced_.has_value();
   if (final_reply.Class() != 2) {
     Outcome o = FromReply("message refused", final_reply);
     if (final_reply.code == 421) Drop();

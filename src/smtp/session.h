@@ -36,6 +36,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -142,6 +143,17 @@ class Session {
   // connection before the message began.
   Outcome Send(const Envelope& envelope, std::string_view message);
 
+  // The same, and when the server pipelines, the MAIL, RCPT and DATA of the
+  // message that comes next (`next`, `next_message`) go in the same write as
+  // the end of this one's data (RFC 2920 lets the data begin a group), so a
+  // run of messages on one connection costs one round trip each. The caller
+  // promises that its next Send on this session is for that message; if it
+  // is not (or Close comes first), the connection is closed without QUIT,
+  // which leaves the announced transaction unended, so nothing is delivered
+  // for it.
+  Outcome Send(const Envelope& envelope, std::string_view message, const Envelope* next,
+               std::string_view next_message);
+
   // Ends the session (QUIT) and closes the connection.
   void Close();
 
@@ -159,7 +171,13 @@ class Session {
   Outcome Hello(bool after_tls);
   Outcome StartTls();
   Outcome Authenticate();
-  Outcome SendOnce(const Envelope& envelope, std::string_view message, bool* retry);
+  // A message's MAIL and RCPT commands for this server (DATA too when it
+  // pipelines) and its dot-stuffed data; or why it cannot go to this server
+  // (then nothing is sent).
+  std::optional<Outcome> Build(const Envelope& envelope, std::string_view message,
+                               std::vector<std::string>* commands, std::string* data);
+  Outcome SendOnce(const Envelope& envelope, std::string_view message, const Envelope* next,
+                   std::string_view next_message, bool* retry);
   // Records a command line in the transcript and the trace.
   void Sent(std::string_view line);
   // Sends `line` (CRLF added) and reads the reply within `timeout`.
@@ -178,8 +196,16 @@ class Session {
   // A MAIL was sent and its transaction has not ended (by the reply to the
   // end of the data, or an RSET): the next message starts with RSET.
   bool transaction_open_ = false;
+  // The message whose MAIL, RCPT and DATA went with the end of the last
+  // message's data: their replies are still to be read.
+  struct Announced {
+    Envelope envelope;
+    std::size_t size = 0;  // Of the message, as MAIL FROM's SIZE gave it.
+  };
+  std::optional<Announced> announced_;
   std::vector<std::string> transcript_;
-  std::string data_;  // The dot-stuffed data of the message being sent, reused.
+  std::string data_;       // The dot-stuffed data of the message being sent, reused.
+  std::string next_data_;  // The same for the next message, when it is announced.
 };
 
 }  // namespace quillo::smtp

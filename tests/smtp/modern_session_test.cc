@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ namespace {
 
 using quillo::testing::PeerConnection;
 using quillo::testing::PeerReplies;
+using quillo::testing::PeerSession;
 using quillo::testing::ScriptedSmtpPeer;
 
 SessionOptions Options(const ScriptedSmtpPeer& peer) {
@@ -206,6 +208,140 @@ TEST(ModernSession, APipelinedDataTakenWithoutRecipientsIsEndedWithALoneDot) {
   ASSERT_EQ(after_data.size(), 1u);
   EXPECT_EQ(after_data[0], ".");  // The dot alone: not a line of the message.
   EXPECT_EQ(peer.connections(), 1);
+}
+
+// Reads a pipelined group of one MAIL, one RCPT and DATA without answering.
+std::vector<std::string> ReadGroup(PeerConnection& c) {
+  std::vector<std::string> group;
+  for (int i = 0; i < 3; ++i) group.push_back(c.ReadLine().value_or("(none)"));
+  return group;
+}
+
+const std::vector<std::string> kAlansGroup = {"MAIL FROM:<news@example.test>",
+                                              "RCPT TO:<alan@example.test>", "DATA"};
+
+TEST(ModernSession, TheNextMessagesGroupGoesWithTheEndOfTheData) {
+  std::vector<std::string> second_group;
+  std::vector<std::string> data;
+  ScriptedSmtpPeer peer([&](PeerConnection& c) {
+    const PeerReplies replies = Pipelining();
+    GreetPipelining(c);
+    ReadGroup(c);
+    c.Send(replies.mail + replies.rcpt + replies.data);
+    data.push_back(c.ReadData().value_or("(none)"));
+    // The next group is there before the end of the data is answered.
+    second_group = ReadGroup(c);
+    c.Send(replies.after_data + replies.mail + replies.rcpt + replies.data);
+    data.push_back(c.ReadData().value_or("(none)"));
+    c.Send(replies.after_data);
+    AnswerQuit(c);
+  });
+  Session session(Options(peer));
+  const Envelope alan = To("alan@example.test");
+  Outcome first = session.Send(To("ada@example.test"), kMessage, &alan, kMessage);
+  Outcome second = session.Send(alan, kMessage);
+  session.Close();
+  EXPECT_EQ(first.kind, OutcomeKind::kAccepted) << first.reason;
+  EXPECT_EQ(second.kind, OutcomeKind::kAccepted) << second.reason;
+  peer.WaitForSessions(1);
+  EXPECT_EQ(second_group, kAlansGroup);
+  EXPECT_EQ(peer.connections(), 1);
+  const std::string one = "Subject: hi\r\n\r\nHello\r\n.\r\n";
+  EXPECT_EQ(data, (std::vector<std::string>{one, one}));
+  EXPECT_TRUE(Has(peer.Sessions()[0].commands, "QUIT"));
+}
+
+TEST(ModernSession, AnAnnouncedMessageThatDoesNotComeIsNeverEnded) {
+  // Close after an announced message, or a Send of another message: the
+  // announced DATA was taken, so anything more would be its data. The
+  // connection goes without QUIT and the announced message stays unended.
+  for (bool other_message : {false, true}) {
+    std::atomic<int> connection{0};
+    std::optional<std::string> alans_data = "(not read)";
+    ScriptedSmtpPeer peer([&](PeerConnection& c) {
+      const PeerReplies replies = Pipelining();
+      if (++connection > 1) return quillo::testing::Respond(c, replies);
+      GreetPipelining(c);
+      ReadGroup(c);
+      c.Send(replies.mail + replies.rcpt + replies.data);
+      c.ReadData();
+      ReadGroup(c);  // Alan's.
+      c.Send(replies.after_data + replies.mail + replies.rcpt + replies.data);
+      alans_data = c.ReadData();  // Nothing comes: the client closes.
+    });
+    Session session(Options(peer));
+    const Envelope alan = To("alan@example.test");
+    EXPECT_EQ(session.Send(To("ada@example.test"), kMessage, &alan, kMessage).kind,
+              OutcomeKind::kAccepted);
+    if (other_message) {
+      Outcome grace = session.Send(To("grace@example.test"), kMessage);
+      EXPECT_EQ(grace.kind, OutcomeKind::kAccepted) << grace.reason;
+    }
+    session.Close();
+    peer.WaitForSessions(other_message ? 2 : 1);
+    EXPECT_EQ(peer.connections(), other_message ? 2 : 1);
+    const PeerSession first = peer.Sessions()[0];
+    EXPECT_TRUE(Has(first.commands, "RCPT TO:<alan@example.test>"));  // Announced...
+    EXPECT_FALSE(Has(first.commands, "QUIT"));
+    EXPECT_EQ(first.data, "Subject: hi\r\n\r\nHello\r\n.\r\n");  // Ada's.
+    EXPECT_EQ(alans_data, std::nullopt);                         // Alan's never ended.
+    if (other_message) {
+      EXPECT_TRUE(Has(peer.Sessions()[1].commands, "RCPT TO:<grace@example.test>"));
+      EXPECT_FALSE(Has(peer.Sessions()[1].commands, "RCPT TO:<alan@example.test>"));
+    }
+  }
+}
+
+TEST(ModernSession, AnAnnouncedMessageGoesOnANewConnectionAfterA421OrALostConnection) {
+  // The end of ada's data gets 421, or 250 and then the server goes.
+  for (bool closing_reply : {true, false}) {
+    std::atomic<int> connection{0};
+    ScriptedSmtpPeer peer([&](PeerConnection& c) {
+      const PeerReplies replies = Pipelining();
+      if (++connection > 1) return quillo::testing::Respond(c, replies);
+      GreetPipelining(c);
+      ReadGroup(c);
+      c.Send(replies.mail + replies.rcpt + replies.data);
+      c.ReadData();
+      ReadGroup(c);
+      c.Send(closing_reply ? "421 4.3.2 Service shutting down\r\n" : replies.after_data);
+    });
+    Session session(Options(peer));
+    const Envelope alan = To("alan@example.test");
+    Outcome ada = session.Send(To("ada@example.test"), kMessage, &alan, kMessage);
+    Outcome second = session.Send(alan, kMessage);
+    session.Close();
+    EXPECT_EQ(ada.kind, closing_reply ? OutcomeKind::kDeferred : OutcomeKind::kAccepted);
+    EXPECT_EQ(second.kind, OutcomeKind::kAccepted) << second.reason;
+    peer.WaitForSessions(2);
+    ASSERT_EQ(peer.connections(), 2);
+    // Alan's group went with ada's data, and his message on the new connection, once.
+    EXPECT_TRUE(Has(peer.Sessions()[0].commands, "RCPT TO:<alan@example.test>"));
+    EXPECT_EQ(peer.Sessions()[1].data, "Subject: hi\r\n\r\nHello\r\n.\r\n");
+    EXPECT_TRUE(Has(peer.Sessions()[1].commands, "RCPT TO:<alan@example.test>"));
+  }
+}
+
+TEST(ModernSession, NoMessageIsAnnouncedWithoutPipeliningOrPastTheCap) {
+  // Without PIPELINING every command waits for its reply; with a cap of one
+  // message a connection, the next message goes on a connection of its own.
+  for (bool capped : {false, true}) {
+    ScriptedSmtpPeer peer(capped ? Pipelining() : PeerReplies());
+    SessionOptions options = Options(peer);
+    if (capped) options.max_messages_per_connection = 1;
+    Session session(options);
+    const Envelope alan = To("alan@example.test");
+    EXPECT_EQ(session.Send(To("ada@example.test"), kMessage, &alan, kMessage).kind,
+              OutcomeKind::kAccepted);
+    EXPECT_EQ(session.Send(alan, kMessage).kind, OutcomeKind::kAccepted);
+    session.Close();
+    peer.WaitForSessions(capped ? 2 : 1);
+    EXPECT_EQ(peer.connections(), capped ? 2 : 1);
+    if (capped) {
+      EXPECT_FALSE(Has(peer.Sessions()[0].commands, "RCPT TO:<alan@example.test>"));
+      EXPECT_TRUE(Has(peer.Sessions()[0].commands, "QUIT"));
+    }
+  }
 }
 
 TEST(ModernSession, DotStuffingKeepsLoneDotsAndLeadingDots) {
