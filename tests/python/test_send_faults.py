@@ -161,13 +161,21 @@ def test_three_senders_at_once_on_postgresql_send_2000_messages_once(tmp_path, s
     three_senders_at_once(cli, sink(), 2000)
 
 
-def test_senders_killed_at_random_moments_lose_nothing_and_resend_only_when_asked(cli, sink):
-    server = sink()
+@pytest.mark.parametrize("connections,options,sink_options", [
+    # Slowed down so that each kill lands mid-run; messages go one at a time.
+    (2, ("--rate", "400/s"), ()),
+    # At full speed against a slower server, where a connection announces its
+    # next message with the end of the data and a commit waits for two
+    # connections' groups.
+    (8, (), ("--data-delay", "0.01")),
+])
+def test_senders_killed_at_random_moments_lose_nothing_and_resend_only_when_asked(
+        cli, sink, connections, options, sink_options):
+    server = sink(*sink_options)
     n = 2000
     queue = campaign_of(cli, n)
     rng = random.Random(20261124)
-    # Slowed down so that each kill lands mid-run.
-    args = send_args(cli, queue, server, "--connections", "2", "--rate", "400/s")
+    args = send_args(cli, queue, server, "--connections", str(connections), *options)
     for _ in range(10):
         p = subprocess.Popen(args, cwd=cli.folder, stdout=subprocess.DEVNULL,
                              stderr=subprocess.DEVNULL)
@@ -183,7 +191,7 @@ def test_senders_killed_at_random_moments_lose_nothing_and_resend_only_when_aske
     in_doubt = states.get("in-doubt", 0)
     assert in_doubt > 0
     # A kill leaves at most one group of 32 per connection in doubt.
-    assert in_doubt <= 10 * 2 * 32
+    assert in_doubt <= 10 * connections * 32
     # Every message is delivered or reported in doubt: nothing is lost.
     assert states.get("accepted", 0) + in_doubt == n
     assert len(after) >= states["accepted"]

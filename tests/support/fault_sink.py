@@ -6,13 +6,15 @@ message (pipelining, 8BITMIME) and appends one line per accepted message to
     ACCEPTED <recipient> <session number> <seconds since start>
 
     fault_sink.py --log FILE --port-file FILE [--port N] [--defer-every N]
-                  [--stop-after N] [--seconds N]
+                  [--stop-after N] [--data-delay SECONDS] [--seconds N]
 
 --defer-every N answers "451 4.3.0 try again later" to the data of every
 Nth message that was never deferred before (by recipient), and takes it the
 next time. --stop-after N exits, dropping every connection, right after the
 Nth accepted message (a server that dies mid-run; start another one on the
-same --port). It also writes "SESSION <n>" for each connection. Stops by
+same --port). --data-delay waits that long before answering each message's
+data (a slower server, so that a sender can be stopped mid-run at full
+speed). It also writes "SESSION <n>" for each connection. Stops by
 itself after --seconds (default 300) or on SIGTERM.
 """
 import argparse
@@ -68,6 +70,8 @@ class Sink:
                             break
                     if not data:
                         break
+                    if self.args.data_delay:
+                        await asyncio.sleep(self.args.data_delay)
                     self.seen += 1
                     every = self.args.defer_every
                     if every and self.seen % every == 0 and rcpt not in self.deferred:
@@ -103,6 +107,7 @@ async def main():
     p.add_argument("--port-file")
     p.add_argument("--defer-every", type=int, default=0)
     p.add_argument("--stop-after", type=int, default=0)
+    p.add_argument("--data-delay", type=float, default=0)
     p.add_argument("--seconds", type=float, default=300)
     args = p.parse_args()
     sink = Sink(args)
