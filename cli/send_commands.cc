@@ -599,6 +599,11 @@ class QueueSender {
                        });
       std::vector<size_t> all(messages_.size());
       for (size_t i = 0; i < all.size(); ++i) all[i] = i;
+      // Senders of one queue each start at a group of their own in the
+      // chunk, so that they seldom try to claim the same group: the one that
+      // finds a group taken has looked its clients up for nothing.
+      const size_t groups = (all.size() + kGroupSize - 1) / kGroupSize;
+      std::rotate(all.begin(), all.begin() + (first_group_ % groups) * kGroupSize, all.end());
       SendAll(all, {});
       // What waits for another try keeps its message; the chunk goes. The
       // retries from `moved` on are this chunk's.
@@ -951,6 +956,8 @@ class QueueSender {
   std::vector<Dispatch> sent_items_;               // Their sent-item log rows.
   bool stop_now_ = false;                          // The server was found unreachable.
   Tally t_;
+  // Where this sender starts in each chunk, in groups (see Send).
+  const size_t first_group_ = std::hash<std::string>{}(delivery::Ledger::ThisWorker());
   long done_ = 0;
   bool stop_ = false;
   std::string stop_reason_;

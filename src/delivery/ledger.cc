@@ -9,6 +9,7 @@
 #include <chrono>
 #include <ctime>
 #include <initializer_list>
+#include <map>
 #include <set>
 #include <tuple>
 #include <utility>
@@ -32,25 +33,35 @@ std::string Quote(std::string_view text) { return SqlLiteral(text); }
 // write has only seven statement texts, each prepared once per connection.
 constexpr size_t kRowsPerStatement = 64;
 
-// Runs `head`, then `row` (one row's placeholders, "(?, ?, ...)") once per
-// row, then `tail`, for rows 0 .. count-1: `add(i, values)` appends row i's
+// A statement written for many rows: `head`, then `row` (one row's
+// placeholders, "(?, ?, ...)") once per row, then `tail`. The placeholders
+// of the head and the tail take `head_values` and `tail_values`.
+struct ManyRows {
+  std::string_view head;
+  std::string_view row;
+  std::string_view tail;
+  std::span<const db::BoundValue> head_values = {};
+  std::span<const db::BoundValue> tail_values = {};
+};
+
+// Runs `statement` for rows 0 .. count-1: `add(i, values)` appends row i's
 // values, and `run(sql, values)` runs each statement.
 template <class AddFn, class RunFn>
-void RunInStatements(size_t count, std::string_view head, std::string_view row,
-                     std::string_view tail, AddFn add, RunFn run) {
+void RunInStatements(size_t count, const ManyRows& statement, AddFn add, RunFn run) {
   std::vector<db::BoundValue> values;
   std::string sql;
   for (size_t from = 0; from < count;) {
     size_t n = kRowsPerStatement;
     while (n > count - from) n /= 2;
-    sql.assign(head);
-    values.clear();
+    sql.assign(statement.head);
+    values.assign(statement.head_values.begin(), statement.head_values.end());
     for (size_t i = from; i < from + n; ++i) {
       if (i > from) sql += ", ";
-      sql += row;
+      sql += statement.row;
       add(i, values);
     }
-    sql += tail;
+    sql += statement.tail;
+    values.insert(values.end(), statement.tail_values.begin(), statement.tail_values.end());
     run(sql, values);
     from += n;
   }
@@ -59,11 +70,6 @@ void RunInStatements(size_t count, std::string_view head, std::string_view row,
 // A text value, or NULL when it is empty.
 db::BoundValue TextOrNull(std::string_view text) {
   return text.empty() ? db::BoundValue() : db::BoundValue(text);
-}
-
-std::string KeyCondition(const MessageKey& key) {
-  return "CampaignRecID = " + Quote(key.campaign_id) +
-         " AND CampaignItemRecID = " + Quote(key.item_id) + " AND Account = " + Quote(key.client);
 }
 
 // Whether the worker "host:pid" is a process of this host that has ended.
@@ -236,10 +242,10 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
   db::TextRows rows;
   RunInStatements(
       keys.size(),
-      "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
-      "Attempts, Worker, Updated, RunDate) VALUES ",
-      "(?, ?, ?, ?, 'claimed', 0, ?, ?, ?)",
-      " ON CONFLICT DO NOTHING RETURNING CampaignRecID, CampaignItemRecID, Account",
+      {"INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+       "Attempts, Worker, Updated, RunDate) VALUES ",
+       "(?, ?, ?, ?, 'claimed', 0, ?, ?, ?)",
+       " ON CONFLICT DO NOTHING RETURNING CampaignRecID, CampaignItemRecID, Account"},
       [&](size_t i, std::vector<db::BoundValue>& values) {
         const MessageKey& key = keys[i];
         values.insert(values.end(), {key.campaign_id, key.item_id, key.client, key.email, worker_,
@@ -251,31 +257,74 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
         for (auto& row : rows)
           made.emplace(std::move(row[0]), std::move(row[1]), std::move(row[2]));
       });
-  // The rest were there already: free ones (due again) are claimed one by
-  // one, and the others say why not.
-  std::string retryable = "State IN ('deferred', 'failed', 'suppressed'";
-  if (resend_in_doubt) retryable += ", 'in-doubt'";
-  retryable += ") AND (NextAttempt IS NULL OR NextAttempt <= " + Quote(now) + ")";
+  // The rest were there already: the free ones (due again) are claimed in
+  // bulk, and the others say why not, many keys to a statement.
+  using Key = std::tuple<std::string, std::string, std::string>;
+  auto key_of = [](const MessageKey& k) { return Key(k.campaign_id, k.item_id, k.client); };
+  std::vector<size_t> rest;
   for (size_t i = 0; i < keys.size(); ++i) {
-    const MessageKey& key = keys[i];
-    if (made.erase({key.campaign_id, key.item_id, key.client}) > 0) {
+    if (made.erase(key_of(keys[i])) > 0) {
       results[i] = ClaimResult::kClaimed;
-      continue;
+    } else {
+      rest.push_back(i);
     }
-    long affected = 0;
-    connection_->Execute(
-        "UPDATE quillo_deliveries SET State = 'claimed', Worker = " + Quote(worker_) +
-            ", Updated = " + Quote(now) + " WHERE " + KeyCondition(key) + " AND " + retryable,
-        &affected);
-    if (affected > 0) {
+  }
+  if (rest.empty()) return results;
+  // The keys as a table (VALUES, columns column1 to column3) joined to the
+  // ledger, so that each is found through the primary key.
+  constexpr std::string_view kKeyRow = "(?, ?, ?)";
+  auto add_key = [&keys](const std::vector<size_t>& which) {
+    return [&keys, &which](size_t i, std::vector<db::BoundValue>& values) {
+      const MessageKey& key = keys[which[i]];
+      values.insert(values.end(), {key.campaign_id, key.item_id, key.client});
+    };
+  };
+  // Runs a statement whose rows begin with a key, into `found` (the keys) or
+  // `states` (key to its fourth column).
+  auto collect = [this](std::set<Key>* found, std::map<Key, std::string>* states) {
+    return [this, found, states](const std::string& sql, std::span<const db::BoundValue> values) {
+      db::TextRows rows;
+      connection_->Backend().Run(sql, values, &rows);
+      for (auto& row : rows) {
+        Key key(std::move(row[0]), std::move(row[1]), std::move(row[2]));
+        if (states) (*states)[key] = row[3];
+        if (found) found->insert(std::move(key));
+      }
+    };
+  };
+  constexpr std::string_view kSameKey =
+      "q.CampaignRecID = k.column1 AND q.CampaignItemRecID = k.column2 AND q.Account = k.column3";
+  std::string due = ") AS k WHERE " + std::string(kSameKey) +
+                    " AND q.State IN ('deferred', 'failed', 'suppressed'";
+  if (resend_in_doubt) due += ", 'in-doubt'";
+  due +=
+      ") AND (q.NextAttempt IS NULL OR q.NextAttempt <= ?) RETURNING CampaignRecID, "
+      "CampaignItemRecID, Account";
+  const db::BoundValue set_values[] = {worker_, now};
+  const db::BoundValue due_values[] = {now};
+  std::set<Key> updated;
+  RunInStatements(rest.size(),
+                  {"UPDATE quillo_deliveries AS q SET State = 'claimed', Worker = ?, Updated = ? "
+                   "FROM (VALUES ",
+                   kKeyRow, due, set_values, due_values},
+                  add_key(rest), collect(&updated, nullptr));
+  std::vector<size_t> taken;
+  for (size_t i : rest) {
+    // A key given twice is claimed once.
+    if (updated.erase(key_of(keys[i])) > 0) {
       results[i] = ClaimResult::kClaimed;
-      continue;
+    } else {
+      taken.push_back(i);
     }
-    Recordset rs;
-    rs.Open("SELECT State FROM quillo_deliveries WHERE " + KeyCondition(key), connection_,
-            kAdOpenForwardOnly, kAdLockReadOnly, kAdCmdText);
-    std::string state = rs.Eof() ? std::string() : FieldText(rs, "State");
-    rs.Close();
+  }
+  std::map<Key, std::string> states;
+  const std::string join = ") AS k JOIN quillo_deliveries AS q ON " + std::string(kSameKey);
+  RunInStatements(taken.size(),
+                  {"SELECT q.CampaignRecID, q.CampaignItemRecID, q.Account, q.State FROM (VALUES ",
+                   kKeyRow, join},
+                  add_key(taken), collect(nullptr, &states));
+  for (size_t i : taken) {
+    const std::string& state = states[key_of(keys[i])];
     if (state == "accepted") results[i] = ClaimResult::kAccepted;
     if (state == "in-doubt") results[i] = ClaimResult::kInDoubt;
     if (state == "refused") results[i] = ClaimResult::kRefused;
@@ -321,13 +370,13 @@ void Ledger::RecordAll(std::span<const LedgerOutcome> outcomes) {
   const std::string now = LedgerTime();
   RunInStatements(
       outcomes.size(),
-      "INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
-      "Attempts, LastReply, NextAttempt, Worker, Updated, RunDate) VALUES ",
-      "(?, ?, ?, ?, ?, 1, ?, ?, ?, ?, ?)",
-      " ON CONFLICT (CampaignRecID, CampaignItemRecID, Account) DO UPDATE SET State = "
-      "excluded.State, Attempts = quillo_deliveries.Attempts + 1, LastReply = "
-      "excluded.LastReply, NextAttempt = excluded.NextAttempt, Updated = excluded.Updated "
-      "WHERE quillo_deliveries.Worker = excluded.Worker",
+      {"INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
+       "Attempts, LastReply, NextAttempt, Worker, Updated, RunDate) VALUES ",
+       "(?, ?, ?, ?, ?, 1, ?, ?, ?, ?, ?)",
+       " ON CONFLICT (CampaignRecID, CampaignItemRecID, Account) DO UPDATE SET State = "
+       "excluded.State, Attempts = quillo_deliveries.Attempts + 1, LastReply = "
+       "excluded.LastReply, NextAttempt = excluded.NextAttempt, Updated = excluded.Updated "
+       "WHERE quillo_deliveries.Worker = excluded.Worker"},
       [&](size_t i, std::vector<db::BoundValue>& values) {
         const LedgerOutcome& o = outcomes[i];
         values.insert(values.end(),

@@ -170,6 +170,48 @@ TEST_P(LedgerTest, DeferredAndFailedMessagesAreClaimedAgainWhenDueAndARefusalIsF
   EXPECT_EQ(other.Rows(LedgerState::kRefused).size(), 1u);
 }
 
+TEST_P(LedgerTest, ManyMessagesAlreadyInTheLedgerAreSortedOutTogether) {
+  // More rows than one statement takes, in every state a claim must tell apart.
+  Ledger ledger(connection_, "host-a:1");
+  auto keys = Keys(203);
+  ledger.Claim(keys, false);
+  std::vector<LedgerOutcome> outcomes;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    switch (i % 4) {
+      case 0:
+        outcomes.push_back({keys[i], LedgerState::kAccepted, "250 ok", {}});
+        break;
+      case 1:
+        outcomes.push_back({keys[i], LedgerState::kDeferred, "451 later", LedgerTime(-1)});
+        break;
+      case 2:
+        outcomes.push_back({keys[i], LedgerState::kRefused, "550 no", {}});
+        break;
+      default:
+        outcomes.push_back({keys[i], LedgerState::kFailed, "reset", LedgerTime(3600)});
+    }
+  }
+  ledger.Begin();
+  ledger.RecordAll(outcomes);
+  ledger.Commit();
+  Ledger other(db_->Open(), "host-b:2");
+  keys.push_back(keys[1]);  // A due message given twice is claimed once.
+  auto claims = other.Claim(keys, false);
+  ASSERT_EQ(claims.size(), 204u);
+  for (size_t i = 0; i < 203; ++i) {
+    const ClaimResult expected = i % 4 == 0   ? ClaimResult::kAccepted
+                                 : i % 4 == 1 ? ClaimResult::kClaimed
+                                 : i % 4 == 2 ? ClaimResult::kRefused
+                                              : ClaimResult::kBusy;  // Not due yet.
+    EXPECT_EQ(claims[i], expected) << i;
+  }
+  EXPECT_EQ(claims[203], ClaimResult::kBusy);
+  auto counts = other.Counts();
+  EXPECT_EQ(counts[static_cast<int>(LedgerState::kClaimed)], 51);
+  EXPECT_EQ(counts[static_cast<int>(LedgerState::kFailed)], 50);
+  for (const LedgerRow& row : other.Rows(LedgerState::kClaimed)) EXPECT_EQ(row.worker, "host-b:2");
+}
+
 TEST_P(LedgerTest, ClaimsOfAStoppedWorkerBecomeInDoubtAndStayUnsent) {
   // A worker of this host whose process has ended.
   pid_t child = fork();
