@@ -158,7 +158,19 @@ def test_three_senders_at_once_on_postgresql_send_2000_messages_once(tmp_path, s
     cli = Cli(tmp_path)
     cli.db = fresh_postgresql_database("quillo_faults")
     cli.run("init")
+
+    def analyzed():
+        out = subprocess.run(
+            ["psql", cli.db, "-tAc", "SELECT relname FROM pg_stat_user_tables WHERE last_analyze "
+             "IS NOT NULL AND relname IN ('quillo_deliveries', 'dmsentitems') ORDER BY relname"],
+            capture_output=True, text=True, timeout=60, check=True)
+        return out.stdout.split()
+
+    assert analyzed() == []
     three_senders_at_once(cli, sink(), 2000)
+    # The senders brought the statistics of the tables they filled up to
+    # date, so that the server's plans for their lookups use the indexes.
+    assert analyzed() == ["dmsentitems", "quillo_deliveries"]
 
 
 @pytest.mark.parametrize("connections,options,sink_options", [
