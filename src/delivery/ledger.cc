@@ -235,11 +235,25 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
   std::vector<ClaimResult> results(keys.size(), ClaimResult::kBusy);
   if (keys.empty()) return results;
   const std::string now = LedgerTime();
+  using Key = std::tuple<std::string, std::string, std::string>;
+  auto key_of = [](const MessageKey& k) { return Key(k.campaign_id, k.item_id, k.client); };
+  // Runs a statement whose rows begin with a key, into `found` (the keys) or
+  // `states` (key to its fourth column).
+  auto collect = [this](std::set<Key>* found, std::map<Key, std::string>* states) {
+    return [this, found, states](const std::string& sql, std::span<const db::BoundValue> values) {
+      db::TextRows rows;
+      connection_->Backend().Run(sql, values, &rows);
+      for (auto& row : rows) {
+        Key key(std::move(row[0]), std::move(row[1]), std::move(row[2]));
+        if (states) (*states)[key] = row[3];
+        if (found) found->insert(std::move(key));
+      }
+    };
+  };
   // New messages first, many rows to a statement: the rows it made come
   // back (RETURNING), and those keys are claimed. A key given twice is
   // made once.
-  std::set<std::tuple<std::string, std::string, std::string>> made;
-  db::TextRows rows;
+  std::set<Key> made;
   RunInStatements(
       keys.size(),
       {"INSERT INTO quillo_deliveries (CampaignRecID, CampaignItemRecID, Account, Email, State, "
@@ -251,16 +265,9 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
         values.insert(values.end(), {key.campaign_id, key.item_id, key.client, key.email, worker_,
                                      now, TextOrNull(key.run_date)});
       },
-      [&](const std::string& sql, std::span<const db::BoundValue> values) {
-        rows.clear();
-        connection_->Backend().Run(sql, values, &rows);
-        for (auto& row : rows)
-          made.emplace(std::move(row[0]), std::move(row[1]), std::move(row[2]));
-      });
+      collect(&made, nullptr));
   // The rest were there already: the free ones (due again) are claimed in
   // bulk, and the others say why not, many keys to a statement.
-  using Key = std::tuple<std::string, std::string, std::string>;
-  auto key_of = [](const MessageKey& k) { return Key(k.campaign_id, k.item_id, k.client); };
   std::vector<size_t> rest;
   for (size_t i = 0; i < keys.size(); ++i) {
     if (made.erase(key_of(keys[i])) > 0) {
@@ -277,19 +284,6 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
     return [&keys, &which](size_t i, std::vector<db::BoundValue>& values) {
       const MessageKey& key = keys[which[i]];
       values.insert(values.end(), {key.campaign_id, key.item_id, key.client});
-    };
-  };
-  // Runs a statement whose rows begin with a key, into `found` (the keys) or
-  // `states` (key to its fourth column).
-  auto collect = [this](std::set<Key>* found, std::map<Key, std::string>* states) {
-    return [this, found, states](const std::string& sql, std::span<const db::BoundValue> values) {
-      db::TextRows rows;
-      connection_->Backend().Run(sql, values, &rows);
-      for (auto& row : rows) {
-        Key key(std::move(row[0]), std::move(row[1]), std::move(row[2]));
-        if (states) (*states)[key] = row[3];
-        if (found) found->insert(std::move(key));
-      }
     };
   };
   constexpr std::string_view kSameKey =
