@@ -885,7 +885,7 @@ class QueueSender {
       try {
         connection_->Execute(std::string("ANALYZE ") + table);
       } catch (const RuntimeError& e) {
-        // Not the tables' owner, say: the send goes on, only slower.
+        // The send goes on without it, only slower.
         spdlog::debug("ANALYZE {}: {}", table, e.description);
       }
     }
