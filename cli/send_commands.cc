@@ -649,10 +649,12 @@ class QueueSender {
 
   // Sends the messages at `indexes`, in groups; `attempts` holds the tries
   // made so far in this run of those deferred before. Each connection sends
-  // a group of its own. When one ends (a quarter of them, with many), its outcomes are written and
-  // its next group claimed in one transaction (with those of every other connection that ended
-  // meanwhile), while the others go on sending: so a crash leaves at most one group per connection
-  // in doubt. Between transactions this thread looks up the groups to come (clients, subjects).
+  // a group of its own. When one ends (a quarter of them, with many), its
+  // outcomes are written and its next group claimed in one transaction (with
+  // those of every other connection that ended meanwhile), while the others
+  // go on sending: so a crash leaves at most one group per connection in
+  // doubt. Between transactions this thread looks up the groups to come
+  // (clients, subjects).
   void SendAll(const std::vector<size_t>& indexes, const std::map<size_t, int>& attempts) {
     const size_t connections = pool_.size();
     std::vector<Group> sending(connections);  // Each connection's group.
@@ -689,11 +691,10 @@ class QueueSender {
         if (!any_running() && (stop_now_ || (ready.empty() && start >= indexes.size()))) break;
         look_up();
         clock_.Enter(Stage::kDeliver);
-        for (size_t c : pool_.WaitAny()) running[c] = false;
-        while (any_running() && static_cast<size_t>(std::count(running.begin(), running.end(),
-                                                               false)) < commit_after) {
+        do {
           for (size_t c : pool_.WaitAny()) running[c] = false;
-        }
+        } while (any_running() && static_cast<size_t>(std::count(running.begin(), running.end(),
+                                                                 false)) < commit_after);
         idle.clear();
         for (size_t c = 0; c < connections; ++c) {
           if (!running[c]) idle.push_back(c);

@@ -268,14 +268,22 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
       collect(&made, nullptr));
   // The rest were there already: the free ones (due again) are claimed in
   // bulk, and the others say why not, many keys to a statement.
-  std::vector<size_t> rest;
-  for (size_t i = 0; i < keys.size(); ++i) {
-    if (made.erase(key_of(keys[i])) > 0) {
-      results[i] = ClaimResult::kClaimed;
-    } else {
-      rest.push_back(i);
+  // Marks the keys at `which` that `found` holds claimed, each once (a key
+  // given twice is claimed once), and returns the others.
+  auto claim_found = [&](std::set<Key>& found, const std::vector<size_t>& which) {
+    std::vector<size_t> others;
+    for (size_t i : which) {
+      if (found.erase(key_of(keys[i])) > 0) {
+        results[i] = ClaimResult::kClaimed;
+      } else {
+        others.push_back(i);
+      }
     }
-  }
+    return others;
+  };
+  std::vector<size_t> all(keys.size());
+  for (size_t i = 0; i < all.size(); ++i) all[i] = i;
+  const std::vector<size_t> rest = claim_found(made, all);
   if (rest.empty()) return results;
   // The keys as a table (VALUES, columns column1 to column3) joined to the
   // ledger, so that each is found through the primary key.
@@ -302,15 +310,7 @@ std::vector<ClaimResult> Ledger::ClaimInTransaction(std::span<const MessageKey> 
                    "FROM (VALUES ",
                    kKeyRow, due, set_values, due_values},
                   add_key(rest), collect(&updated, nullptr));
-  std::vector<size_t> taken;
-  for (size_t i : rest) {
-    // A key given twice is claimed once.
-    if (updated.erase(key_of(keys[i])) > 0) {
-      results[i] = ClaimResult::kClaimed;
-    } else {
-      taken.push_back(i);
-    }
-  }
+  const std::vector<size_t> taken = claim_found(updated, rest);
   std::map<Key, std::string> states;
   const std::string join = ") AS k JOIN quillo_deliveries AS q ON " + std::string(kSameKey);
   RunInStatements(taken.size(),

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "smtp/reply.h"
@@ -217,6 +218,18 @@ std::vector<std::string> ReadGroup(PeerConnection& c) {
   return group;
 }
 
+// Greets, takes one pipelined message up to the end of its data without
+// answering that end, and reads the group announced with it. Returns the
+// message's data and the announced group.
+std::pair<std::string, std::vector<std::string>> TakeDataAndAnnouncedGroup(PeerConnection& c) {
+  const PeerReplies replies = Pipelining();
+  GreetPipelining(c);
+  ReadGroup(c);
+  c.Send(replies.mail + replies.rcpt + replies.data);
+  std::string data = c.ReadData().value_or("(none)");
+  return {data, ReadGroup(c)};
+}
+
 const std::vector<std::string> kAlansGroup = {"MAIL FROM:<news@example.test>",
                                               "RCPT TO:<alan@example.test>", "DATA"};
 
@@ -225,12 +238,10 @@ TEST(ModernSession, TheNextMessagesGroupGoesWithTheEndOfTheData) {
   std::vector<std::string> data;
   ScriptedSmtpPeer peer([&](PeerConnection& c) {
     const PeerReplies replies = Pipelining();
-    GreetPipelining(c);
-    ReadGroup(c);
-    c.Send(replies.mail + replies.rcpt + replies.data);
-    data.push_back(c.ReadData().value_or("(none)"));
     // The next group is there before the end of the data is answered.
-    second_group = ReadGroup(c);
+    auto [first_data, group] = TakeDataAndAnnouncedGroup(c);
+    data.push_back(first_data);
+    second_group = group;
     c.Send(replies.after_data + replies.mail + replies.rcpt + replies.data);
     data.push_back(c.ReadData().value_or("(none)"));
     c.Send(replies.after_data);
@@ -261,11 +272,7 @@ TEST(ModernSession, AnAnnouncedMessageThatDoesNotComeIsNeverEnded) {
     ScriptedSmtpPeer peer([&](PeerConnection& c) {
       const PeerReplies replies = Pipelining();
       if (++connection > 1) return quillo::testing::Respond(c, replies);
-      GreetPipelining(c);
-      ReadGroup(c);
-      c.Send(replies.mail + replies.rcpt + replies.data);
-      c.ReadData();
-      ReadGroup(c);  // Alan's.
+      TakeDataAndAnnouncedGroup(c);  // Ada's data, Alan's group.
       c.Send(replies.after_data + replies.mail + replies.rcpt + replies.data);
       alans_data = c.ReadData();  // Nothing comes: the client closes.
     });
@@ -299,11 +306,7 @@ TEST(ModernSession, AnAnnouncedMessageGoesOnANewConnectionAfterA421OrALostConnec
     ScriptedSmtpPeer peer([&](PeerConnection& c) {
       const PeerReplies replies = Pipelining();
       if (++connection > 1) return quillo::testing::Respond(c, replies);
-      GreetPipelining(c);
-      ReadGroup(c);
-      c.Send(replies.mail + replies.rcpt + replies.data);
-      c.ReadData();
-      ReadGroup(c);
+      TakeDataAndAnnouncedGroup(c);
       c.Send(closing_reply ? "421 4.3.2 Service shutting down\r\n" : replies.after_data);
     });
     Session session(Options(peer));

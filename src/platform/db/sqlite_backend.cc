@@ -297,16 +297,11 @@ class SqliteBackend : public Backend {
     // Kept apart from the shapes: a shape is cached under its own text.
     bound_key_.assign(1, '\x01');
     bound_key_.append(sql);
-    PreparedPtr p;
-    if (PreparedPtr* cached = cache_.Find(bound_key_); cached && !(*cached)->busy) {
-      p = *cached;
-    } else {
-      p = std::make_shared<Prepared>();
-      const int rc = sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()),
-                                        SQLITE_PREPARE_PERSISTENT, &p->stmt, nullptr);
+    PreparedPtr p = Statement(bound_key_, sql);
+    if (!p) {
+      const int rc = sqlite3_errcode(db_);
       if (rc != SQLITE_OK) Fail(rc);
-      if (!p->stmt) Raise(SQLITE_MISUSE, "The statement text holds no statement.");
-      if (!cached) cache_.Insert(bound_key_, p);
+      Raise(SQLITE_MISUSE, "The statement text holds no statement.");
     }
     sqlite3_stmt* stmt = p->stmt;
     if (sqlite3_bind_parameter_count(stmt) != static_cast<int>(values.size())) {
@@ -391,24 +386,31 @@ class SqliteBackend : public Backend {
     Raise(code ? code : rc & 0xff, sqlite3_errmsg(db_));
   }
 
+  // The statement cached under `key`, prepared from `sql` (and kept) when
+  // there is none; a fresh one, not kept, while the cached one is being
+  // walked by a cursor. Null when the engine takes no statement from `sql`
+  // (its error, if any, stays on the connection).
+  PreparedPtr Statement(const std::string& key, std::string_view sql) {
+    PreparedPtr* cached = cache_.Find(key);
+    if (cached && !(*cached)->busy) return *cached;
+    auto p = std::make_shared<Prepared>();
+    if (sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                           &p->stmt, nullptr) != SQLITE_OK ||
+        !p->stmt) {
+      return nullptr;
+    }
+    p->Describe();
+    if (!cached) cache_.Insert(key, p);
+    return p;
+  }
+
   // The cached prepared statement for the shape of `text`, bound to its
   // values and marked busy; null when the text has no usable shape.
   PreparedPtr FromShape(const std::string& text) {
     if (!ExtractShape(text, Dialect::kSqlite, &shape_)) return nullptr;
-    PreparedPtr p;
-    if (PreparedPtr* cached = cache_.Find(shape_.text); cached && !(*cached)->busy) {
-      p = *cached;
-    } else {
-      p = std::make_shared<Prepared>();
-      const char* next = nullptr;
-      if (sqlite3_prepare_v2(db_, shape_.text.c_str(), static_cast<int>(shape_.text.size()),
-                             &p->stmt, &next) != SQLITE_OK ||
-          !p->stmt ||
-          sqlite3_bind_parameter_count(p->stmt) != static_cast<int>(shape_.params.size())) {
-        return nullptr;  // The plain path reports the engine's own error.
-      }
-      p->Describe();
-      if (!cached) cache_.Insert(shape_.text, p);
+    PreparedPtr p = Statement(shape_.text, shape_.text);
+    if (!p || sqlite3_bind_parameter_count(p->stmt) != static_cast<int>(shape_.params.size())) {
+      return nullptr;  // The plain path reports the engine's own error.
     }
     for (size_t i = 0; i < shape_.params.size(); ++i) {
       const ShapeParam& param = shape_.params[i];
